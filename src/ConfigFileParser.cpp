@@ -101,6 +101,7 @@ bool ConfigFileParser::parseData(const std::string& fileName) {
     }
 
     std::cout << "#### Begin board information ####" << std::endl;
+    // By index: a top-level object with members must raise here, not be walked. NOLINTNEXTLINE(modernize-loop-convert)
     for (Json::ArrayIndex i = 0; i < root.size(); ++i) {
         const Json::Value& element = root[i];
         JOURNAL(LOG_INFO, 63, "parseData", "-------------------------------------");
