@@ -1,0 +1,27 @@
+#include "NameRequests.h"
+
+#include <dlfcn.h>
+#include <gio/gio.h>
+
+bool name_requests::refuse = false;
+int name_requests::made = 0;
+int name_requests::released = 0;
+
+// Defined in the program, these are found before the ones in the shared library, which they call.
+
+guint g_bus_own_name(GBusType bus_type, const gchar* name, GBusNameOwnerFlags flags,
+                     GBusAcquiredCallback bus_acquired_handler, GBusNameAcquiredCallback name_acquired_handler,
+                     GBusNameLostCallback name_lost_handler, gpointer user_data, GDestroyNotify user_data_free_func) {
+    ++name_requests::made;
+    if (name_requests::refuse)
+        return 0;
+    static const auto real = reinterpret_cast<decltype(&g_bus_own_name)>(dlsym(RTLD_NEXT, "g_bus_own_name"));
+    return real(bus_type, name, flags, bus_acquired_handler, name_acquired_handler, name_lost_handler, user_data,
+                user_data_free_func);
+}
+
+void g_bus_unown_name(guint owner_id) {
+    ++name_requests::released;
+    static const auto real = reinterpret_cast<decltype(&g_bus_unown_name)>(dlsym(RTLD_NEXT, "g_bus_unown_name"));
+    real(owner_id);
+}
