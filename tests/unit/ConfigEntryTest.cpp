@@ -72,7 +72,7 @@ TEST(ConfigEntryDump, OffsetIsEightLowerCaseHexadecimalDigits) {
 
 TEST(ConfigEntryDump, LengthIsHexadecimalWithoutPrefixAndZeros) {
     ConfigEntry entry;
-    const std::pair<std::uint32_t, const char*> cases[] = {
+    const std::vector<std::pair<std::uint32_t, const char*>> cases = {
         {9, "9"}, {10, "a"}, {16, "10"}, {255, "ff"}, {0xffffffff, "ffffffff"}};
     for (const auto& [length, digits] : cases) {
         entry.length = length;

@@ -515,9 +515,9 @@ TEST(ContentToVariant, TextThatIsNoNumberRaises) {
 }
 
 TEST(ContentToVariant, NumberOutOfRangeRaises) {
-    const std::pair<const char*, const char*> cases[] = {{"i", "2147483648"}, {"i", "-2147483649"}, {"u", "2147483648"},
-                                                         {"u", "4294967295"}, {"u", "-2147483649"}, {"d", "1e999"},
-                                                         {"d", "-1e999"},     {"d", "1e-320"}};
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"i", "2147483648"},  {"i", "-2147483649"}, {"u", "2147483648"}, {"u", "4294967295"},
+        {"u", "-2147483649"}, {"d", "1e999"},       {"d", "-1e999"},     {"d", "1e-320"}};
     for (const auto& [type, text] : cases) {
         try {
             DBusServices::contentToVariant(type, text);

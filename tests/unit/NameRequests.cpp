@@ -13,8 +13,10 @@ guint g_bus_own_name(GBusType bus_type, const gchar* name, GBusNameOwnerFlags fl
                      GBusAcquiredCallback bus_acquired_handler, GBusNameAcquiredCallback name_acquired_handler,
                      GBusNameLostCallback name_lost_handler, gpointer user_data, GDestroyNotify user_data_free_func) {
     ++name_requests::made;
-    if (name_requests::refuse)
+    if (name_requests::refuse) {
+        user_data_free_func(user_data);
         return 0;
+    }
     static const auto real = reinterpret_cast<decltype(&g_bus_own_name)>(dlsym(RTLD_NEXT, "g_bus_own_name"));
     return real(bus_type, name, flags, bus_acquired_handler, name_acquired_handler, name_lost_handler, user_data,
                 user_data_free_func);

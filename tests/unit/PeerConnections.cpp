@@ -1,5 +1,6 @@
 #include "PeerConnections.h"
 
+#include <array>
 #include <sys/socket.h>
 
 namespace {
@@ -26,8 +27,8 @@ void connect(int socket, GDBusConnectionFlags flags, Glib::RefPtr<Gio::DBus::Con
 
 PeerConnections::PeerConnections() {
     Gio::init();
-    int sockets[2] = {-1, -1};
-    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets);
+    std::array<int, 2> sockets{-1, -1};
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data());
     connect(sockets[0], G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER, service);
     connect(sockets[1], G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT, client);
     while (!service || !client)
