@@ -14,10 +14,10 @@ def demo(tmp_path):
     """Starts the demo, in a process group and a folder for temporary files of its own; both must end up empty."""
     started = []
 
-    def start(*arguments):
+    def start(*arguments, program=os.environ["KORVANEINFOD"]):
         process = subprocess.Popen(
-            ["scripts/demo", "--inside", os.environ["KORVANEINFOD"], *arguments], cwd=SOURCE_ROOT, text=True,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True,
+            ["scripts/demo", "--inside", program, *arguments], cwd=SOURCE_ROOT, text=True, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True,
             env=dict(os.environ, TMPDIR=str(tmp_path)))
         started.append(process)
         return process
@@ -63,6 +63,14 @@ def test_served_board_answers_the_lines_to_paste_until_the_demo_is_ended(demo):
 
     process.terminate()
     assert process.wait(TIMEOUT) == 128 + signal.SIGTERM
+
+
+@pytest.mark.parametrize("program", ["/bin/true", "/nonexistent"])
+def test_daemon_that_ends_at_its_start_ends_the_demo(demo, program):
+    process = demo(program=program)
+    output, _ = process.communicate(timeout=TIMEOUT)
+    assert process.returncode == 1
+    assert output.endswith("demo: the daemon has ended at its start\n")
 
 
 def test_unknown_option_is_refused():
