@@ -2,6 +2,7 @@
 
 import json
 import os
+import select
 import shutil
 import signal
 import subprocess
@@ -13,6 +14,7 @@ ROOT = "/com/brenvok/Korvaneinfo1"
 INTERFACE = "com.brenvok.Info1"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 TIMEOUT = 30  # seconds; only a fault takes so long
+JOURNALCTL = ["journalctl", "--directory=/run/log/journal", "--quiet", "--output=json", "--all"]
 SOURCE_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUS_CONFIG = os.path.join(SOURCE_ROOT, "scripts", "private-bus.conf")
 
@@ -29,6 +31,13 @@ def wait_until(reached, what):
     finally:
         if not expired:
             GLib.source_remove(timeout)
+
+
+def dispatch_pending():
+    """Runs the callbacks of all that has arrived."""
+    context = GLib.MainContext.default()
+    while context.pending():
+        context.iteration(False)
 
 
 class Bus:
@@ -61,6 +70,11 @@ class Bus:
         except GLib.Error:
             return None
 
+    def dispatch(self):
+        """Handles every signal that the bus has sent to the client before now."""
+        self.owner(BUS_NAME)  # the answer arrives behind the signals
+        dispatch_pending()
+
     def stop(self):
         """Ends the bus, and waits for its end."""
         self.process.send_signal(signal.SIGKILL)
@@ -71,13 +85,13 @@ class Bus:
 class Daemon:
     """One daemon process; its standard output and error go to files, its journal is told apart by its process id."""
 
-    def __init__(self, bus_address, directory, arguments, binary=None, cwd=None):
+    def __init__(self, bus_address, directory, arguments, **options):
         self.stdout_path = os.path.join(directory, "stdout")
         self.stderr_path = os.path.join(directory, "stderr")
         environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus_address)
         with open(self.stdout_path, "wb") as stdout, open(self.stderr_path, "wb") as stderr:
-            self.process = subprocess.Popen([binary or os.environ["KORVANEINFOD"], *arguments], stdin=subprocess.DEVNULL,
-                                            stdout=stdout, stderr=stderr, env=environment, cwd=cwd)
+            self.process = subprocess.Popen([os.environ["KORVANEINFOD"], *arguments], stdin=subprocess.DEVNULL,
+                                            stdout=stdout, stderr=stderr, env=environment, **options)
 
     def wait_for_name(self, bus):
         """Waits until the daemon owns its name or has ended; returns whether it owns its name."""
@@ -103,6 +117,18 @@ class Daemon:
         pid = bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                        "GetConnectionUnixProcessID", GLib.Variant("(s)", (owner,)))[0]
         return pid == self.process.pid
+
+    def wait_for_message(self, function):
+        """Waits until the daemon has logged a message of this function."""
+        follower = subprocess.Popen(
+            [*JOURNALCTL, "--follow", "--lines=all", f"_PID={self.process.pid}", f"CODE_FUNC={function}"],
+            stdout=subprocess.PIPE)
+        try:
+            ready = select.select([follower.stdout], [], [], TIMEOUT)[0]
+            assert ready, f"timed out waiting for a message of {function}"
+        finally:
+            follower.kill()
+            follower.communicate()
 
     def wait(self):
         """Waits for the end of the process and returns its status: negative for a signal."""
@@ -133,8 +159,7 @@ class Daemon:
         """Returns all journal records of the daemon's own messages, in order, as dictionaries of texts."""
         subprocess.run(["journalctl", "--sync"], check=True)
         output = subprocess.run(
-            ["journalctl", "--directory=/run/log/journal", "--quiet", "--output=json", "--all",
-             f"_PID={self.process.pid}", "_TRANSPORT=journal"], check=True, stdout=subprocess.PIPE).stdout
+            [*JOURNALCTL, f"_PID={self.process.pid}", "_TRANSPORT=journal"], check=True, stdout=subprocess.PIPE).stdout
         records = [json.loads(line) for line in output.splitlines()]
         return [{key: text_of(value) for key, value in record.items()} for record in records]
 
@@ -159,9 +184,7 @@ class Signals:
     def so_far(self):
         """Returns the signals that the daemon sent before now. A reply of the daemon arrives behind them."""
         call_ping(self.bus, self.connection)
-        context = GLib.MainContext.default()
-        while context.pending():
-            context.iteration(False)
+        dispatch_pending()
         return list(self.seen)
 
 
@@ -179,6 +202,7 @@ class TestBed:
         self.directory = str(directory)
         self.bus = Bus(self.directory)
         self.daemons = []
+        self.mounts = []
 
     def file(self, name, content):
         """Writes a value file and returns its path."""
@@ -192,19 +216,51 @@ class TestBed:
         text = entries if isinstance(entries, (str, bytes)) else json.dumps(entries)
         return self.file("board.json", text)
 
-    def run(self, *arguments, **options):
-        """Starts a daemon with these arguments and does not wait for it."""
-        directory = os.path.join(self.directory, f"daemon-{len(self.daemons)}")
-        os.mkdir(directory)
-        daemon = Daemon(self.bus.address, directory, arguments, **options)
+    def par(self, name, content, **keys):
+        """Returns a configuration element of a "par" entry, and writes its value file unless `path` is given."""
+        path = keys.pop("path", None) or self.file(f"{name}.txt", content)
+        return {"name": name, "interface": "Board", "objectpath": "", "path": path, "location": "par", "type": "s",
+                "read": True, "write": False, "signal": False, **keys}
+
+    def fuses(self, name, content, offset, length, **keys):
+        """Returns a configuration element of a "fuses" entry, and writes its value file."""
+        return {**self.par(name, content), "location": "fuses", "offset": offset, "length": length, **keys}
+
+    def folder(self, name):
+        """Makes a folder and returns its path."""
+        path = os.path.join(self.directory, name)
+        os.mkdir(path)
+        return path
+
+    def tmpfs(self, name, options):
+        """Mounts a file system of its own in a new folder, away with the test, and returns its path."""
+        path = self.folder(name)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", options, "test", path], check=True)
+        self.mounts.append(path)
+        return path
+
+    def run(self, *arguments, bus_address=None, **options):
+        """Starts a daemon with these arguments and does not wait for it; `options` are those of subprocess.Popen."""
+        directory = self.folder(f"daemon-{len(self.daemons)}")
+        daemon = Daemon(bus_address or self.bus.address, directory, arguments, **options)
         self.daemons.append(daemon)
         return daemon
 
-    def start(self, entries):
-        """Starts a daemon with this configuration and waits until it owns its name."""
-        daemon = self.run("-c", self.configuration(entries))
-        assert daemon.wait_for_name(self.bus), f"the daemon ended with {daemon.wait()}: {daemon.stderr()}"
+    def run_to_end(self, entries, **options):
+        """Runs a daemon that ends by itself with this configuration; returns the daemon and its status."""
+        daemon = self.run("-c", self.configuration(entries), **options)
+        return daemon, daemon.wait()
+
+    def start(self, entries, **options):
+        """Starts a daemon with this configuration and waits until it serves."""
+        daemon = self.run("-c", self.configuration(entries), **options)
+        self.wait_until_serving(daemon)
         return daemon
+
+    def wait_until_serving(self, daemon):
+        """Waits until a daemon owns its name and has heard so."""
+        assert daemon.wait_for_name(self.bus), f"the daemon ended with {daemon.wait()}: {daemon.stderr()}"
+        daemon.wait_for_message("onNameAcquired")  # the bus tells everyone at once
 
     def get(self, path, interface, name):
         """Gets a property; returns its variant."""
@@ -238,6 +294,8 @@ class TestBed:
         for daemon in self.daemons:
             daemon.kill()
         self.bus.stop()
+        for path in self.mounts:
+            subprocess.run(["umount", path], check=True)
         shutil.rmtree(self.directory, ignore_errors=True)
 
 
