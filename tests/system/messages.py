@@ -29,8 +29,13 @@ NOT_REGISTERED = (7, SERVICE, 525, "registerInterfaces", "failed registering int
 REGISTRATION_FAILED = (7, SERVICE, 431, "onBusAcquired", "Registration failed")
 
 
+def as_stored(priority, file, line, function, text):
+    """Returns the message as the journal has it: libsystemd drops white space at the end of a text."""
+    return (priority, file, line, function, text.rstrip())
+
+
 def not_a_number(text):
-    return (3, PARSER, 210, "convert", f"Invalid-Argument: could not convert value: {text}")
+    return as_stored(3, PARSER, 210, "convert", f"Invalid-Argument: could not convert value: {text}")
 
 
 def out_of_range(text):
@@ -38,7 +43,7 @@ def out_of_range(text):
 
 
 def current_entry(name):
-    return (6, PARSER, 64, "parseData", f"Current Entry: {name}")
+    return as_stored(6, PARSER, 64, "parseData", f"Current Entry: {name}")
 
 
 def current_json(text):
@@ -57,7 +62,7 @@ def beginning(element):
 
 def dump(name="", interface="", object_path="", location="", offset="00000000", length="0", value_type="", content="",
          flags="000"):
-    """Returns the dump of an entry; numbers as their text in hexadecimal, flags as three digits: read, write, signal."""
+    """Returns the dump of an entry; numbers as hexadecimal text, flags as three digits: read, write, signal."""
     return (7, PARSER, 87, "parseData", "Config Entry:\n"
             f"name:       {name}\n"
             f"interface:  {interface}\n"

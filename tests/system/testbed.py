@@ -218,9 +218,10 @@ class TestBed:
 
     def par(self, name, content, **keys):
         """Returns a configuration element of a "par" entry, and writes its value file unless `path` is given."""
-        path = keys.pop("path", None) or self.file(f"{name}.txt", content)
-        return {"name": name, "interface": "Board", "objectpath": "", "path": path, "location": "par", "type": "s",
-                "read": True, "write": False, "signal": False, **keys}
+        if "path" not in keys:
+            keys["path"] = self.file(f"{name}.txt", content)
+        return {"name": name, "interface": "Board", "objectpath": "", "location": "par", "type": "s", "read": True,
+                "write": False, "signal": False, **keys}
 
     def fuses(self, name, content, offset, length, **keys):
         """Returns a configuration element of a "fuses" entry, and writes its value file."""
