@@ -10,7 +10,8 @@ from testbed import INTERFACE, ROOT
 
 def listed(daemon):
     """Returns the value of the only entry, named A, as the listing shows it."""
-    begin, end = b"#### Begin board information ####\nA                       : ", b"\n#### End board information ####\n"
+    begin = b"#### Begin board information ####\nA                       : "
+    end = b"\n#### End board information ####\n"
     stdout = daemon.stdout()
     assert stdout.startswith(begin) and stdout.endswith(end)
     return stdout[len(begin):-len(end)]
@@ -20,10 +21,8 @@ def check(bed, element, value):
     """Checks the value that a daemon with this one entry shows, and that it says nothing else."""
     daemon = bed.start([element])
     assert listed(daemon) == value
-    assert bed.get(ROOT, f"{INTERFACE}.Board", "A").print_(True) == f"'{value.decode()}'".replace("\r", "\\r").replace(
-        "\t", "\\t")
-    errors = [message for message in daemon.journal() if message[0] < 6]
-    assert errors == []
+    assert bed.get(ROOT, f"{INTERFACE}.Board", "A").get_string() == value.decode()
+    assert [message for message in daemon.journal() if message[0] < 6] == []
     assert daemon.stderr() == ""
 
 
@@ -36,7 +35,7 @@ def check(bed, element, value):
     pytest.param(b"abc\r\nxyz", b"abc\r", id="carriage return is kept"),
     pytest.param(b"a\rb\n", b"a\rb", id="carriage return ends no line"),
     pytest.param(b" \t a b \t \n", b" \t a b \t ", id="blanks are kept"),
-    pytest.param("Gr\u00f6\u00dfe \u20ac \U0001f600\n".encode(), "Gr\u00f6\u00dfe \u20ac \U0001f600".encode(), id="UTF-8"),
+    pytest.param("Gr\u00f6\u00dfe \U0001f600\n".encode(), "Gr\u00f6\u00dfe \U0001f600".encode(), id="UTF-8"),
     pytest.param(b"x" * 100000 + b"\nrest", b"x" * 100000, id="long line"),
 ])
 def test_par_is_the_first_line_of_a_text_file(bed, content, value):

@@ -240,6 +240,12 @@ class TestBed:
         self.mounts.append(path)
         return path
 
+    @staticmethod
+    def make_read_only(path):
+        """Makes a file system that tmpfs() has mounted read-only, for any user."""
+        # The mount, not the file system: a normal user may change that alone.
+        subprocess.run(["mount", "-o", "remount,bind,ro", path], check=True)
+
     def run(self, *arguments, bus_address=None, **options):
         """Starts a daemon with these arguments and does not wait for it; `options` are those of subprocess.Popen."""
         directory = self.folder(f"daemon-{len(self.daemons)}")
