@@ -177,6 +177,9 @@ class Signals:
         self.connection = bus.connect()
         self.seen = []
         self.connection.signal_subscribe(BUS_NAME, None, None, None, None, Gio.DBusSignalFlags.NONE, self._record)
+        # The bus takes the messages of several clients in any order; its answer says that it knows of the subscription.
+        bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+                 connection=self.connection)
 
     def _record(self, _connection, _sender, path, interface, member, parameters):
         self.seen.append((path, interface, member, parameters.print_(True)))
