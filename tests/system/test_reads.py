@@ -239,10 +239,11 @@ def test_entries_on_different_paths_may_share_an_interface(bed):
 
 def test_of_entries_with_one_identity_the_first_answers(bed):
     first, second = bed.par("A", "1\n"), {**bed.par("A", None, path=bed.file("second", "2\n")), "type": "i"}
-    daemon = bed.start([first, second])
-    assert daemon.stdout().splitlines()[1:3] == [b"A                       : 1", b"A                       : 2"]
+    daemon = bed.start([first, bed.par("B", "3\n"), second])
+    assert daemon.stdout().splitlines()[1:4] == [b"A                       : 1", b"B                       : 3",
+                                                 b"A                       : 2"]
     assert bed.get(ROOT, BOARD, "A").print_(True) == "'1'"
-    assert bed.get_all(ROOT, BOARD) == {"A": "1"}
+    assert bed.get_all(ROOT, BOARD) == {"A": "1", "B": "3"}
 
 
 def test_of_entries_with_one_name_on_one_path_the_published_interface_chooses(bed):

@@ -386,12 +386,12 @@ def test_an_entry_declared_on_a_foreign_interface_cannot_be_written(bed):
 def test_of_entries_with_one_identity_the_first_is_written(bed):
     first, second = writable(bed), writable(bed, path=bed.file("second", "second\n"))
     other = bed.par("Other", "other\n", write=True)
-    bed.start([other, first, second])
+    bed.start([first, other, second])
     bed.set(ROOT, BOARD, "A", string("new"))
     assert content_of(first["path"]) == b"new\n"
     assert content_of(second["path"]) == b"second\n"
     assert content_of(other["path"]) == b"other\n"
-    assert bed.get_all(ROOT, BOARD) == {"Other": "other", "A": "new"}
+    assert bed.get_all(ROOT, BOARD) == {"A": "new", "Other": "other"}
 
 
 def test_entries_that_share_a_file_keep_their_own_values(bed):
