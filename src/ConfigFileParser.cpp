@@ -40,7 +40,7 @@ void seekByWords(std::ifstream& file, std::uint32_t offset) {
     std::array<char, wordSize> discarded{};
     file.seekg(static_cast<std::streamoff>(offset - skipped));
     if (skipped != 0)
-        file.read(discarded.data(), skipped);
+        file.read(discarded.data(), static_cast<std::streamsize>(skipped));
 }
 
 std::string readNumber(std::ifstream& file, std::uint32_t length) {
