@@ -1,6 +1,8 @@
 #include "MemoryLimit.h"
 #include "Support.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -121,14 +123,17 @@ TEST_F(Writer, FolderInPlaceOfTheFileIsLoggedAndNothingChanges) {
 }
 
 TEST_F(Writer, FileThatMayNotBeWrittenIsLoggedAndNothingChanges) {
-    // Permissions do not stop root, but a program that is running cannot be written by anyone.
-    const std::string path = std::filesystem::read_symlink("/proc/self/exe");
-    const auto size = std::filesystem::file_size(path);
+    // Permissions do not stop root, but a file that is sealed cannot be emptied by anyone.
+    const int sealed = memfd_create("sealed", MFD_ALLOW_SEALING);
+    ASSERT_EQ(write(sealed, "7\n", 2), 2);
+    ASSERT_EQ(fcntl(sealed, F_ADD_SEALS, F_SEAL_SHRINK), 0);
+    const std::string path = "/proc/self/fd/" + std::to_string(sealed);
     const std::uint32_t position = add(path);
     parser.updateValueInPathFile(position, "x");
     expectOneMessage("CODE_LINE=191", "setProperty: Unable to access file");
     EXPECT_EQ(parser.entries[position].content, "old");
-    EXPECT_EQ(std::filesystem::file_size(path), size);
+    EXPECT_EQ(bytesOf(path), "7\n");
+    close(sealed);
 }
 
 TEST_F(Writer, FileThatCanBeOpenedOnlyOnceIsLoggedAndLeftEmpty) {
