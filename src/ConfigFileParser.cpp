@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -36,11 +37,8 @@ ConfigEntry makeEntry(const Json::Value& element, std::string content) {
 /// Fuse devices are read in words, so the seek goes to a multiple of four and the rest of the way is read.
 void seekByWords(std::ifstream& file, std::uint32_t offset) {
     constexpr std::uint32_t wordSize = 4;
-    const std::uint32_t skipped = offset % wordSize;
-    std::array<char, wordSize> discarded{};
-    file.seekg(static_cast<std::streamoff>(offset - skipped));
-    if (skipped != 0)
-        file.read(discarded.data(), static_cast<std::streamsize>(skipped));
+    file.seekg(static_cast<std::streamoff>(offset / wordSize * wordSize));
+    file.ignore(static_cast<std::streamsize>(offset % wordSize));
 }
 
 std::string readNumber(std::ifstream& file, std::uint32_t length) {

@@ -47,8 +47,9 @@ public:
     /// Reads the current value of one configuration element from its value file, as text.
     ///
     /// "par": the first line of the file without its line feed. "fuses": the bytes at the element's offset, up to
-    /// four as one little-endian number in decimal, more as two lower-case hexadecimal digits each in file order,
-    /// then translated. Bytes that cannot be read count as zero. Any other location: the empty text.
+    /// four as one little-endian number in decimal, where bytes that cannot be read are zero; more as two lower-case
+    /// hexadecimal digits each in file order, without whitespace bytes, where the last byte that could be read (zero
+    /// without one) is repeated for those that could not. Then translated. Any other location: the empty text.
     ///
     /// @throw Json::Exception for a JSON value of a type that its key cannot take.
     static std::string readValueFromPathFile(const Json::Value& element);
@@ -66,7 +67,8 @@ public:
     static std::string translateValue(const Json::Value& element, std::string raw);
 
     /// Replaces the whole value file of an entry with the value and a line feed, whatever its location, and then
-    /// the entry's `content`. Failures are logged and swallowed.
+    /// the entry's `content`. A file that cannot be opened is logged and leaves `content` alone; a write that fails
+    /// after that goes unnoticed.
     ///
     /// @param index position in `entries`, which must be valid
     /// @param value written byte for byte

@@ -38,20 +38,20 @@ std::optional<std::string_view> relativeObjectPath(std::string_view objectPath) 
 Lookup findEntry(const Glib::ustring& objectPath, const Glib::ustring& interfaceName, const Glib::ustring& name) {
     const auto wantedPath = relativeObjectPath(objectPath.raw());
     const auto wantedInterface = tailOf(interfaceName.raw(), DBusServices::interfaceBaseName.raw(), '.');
+    const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
     Lookup lookup;
-    std::uint32_t position = 0;
-    for (const ConfigEntry& entry : ConfigFileParser::getInstance()->entries) {
-        if (wantedPath == entry.objectPath) {
-            lookup.pathSeen = true;
-            if (wantedInterface == entry.interface) {
-                lookup.interfaceSeen = true;
-                if (name.raw() == entry.name) {
-                    lookup.position = position;
-                    break;
-                }
-            }
-        }
-        ++position;
+    for (std::uint32_t position = 0; position < entries.size(); ++position) {
+        const ConfigEntry& entry = entries[position];
+        if (wantedPath != entry.objectPath)
+            continue;
+        lookup.pathSeen = true;
+        if (wantedInterface != entry.interface)
+            continue;
+        lookup.interfaceSeen = true;
+        if (name.raw() != entry.name)
+            continue;
+        lookup.position = position;
+        break;
     }
     return lookup;
 }
@@ -190,11 +190,10 @@ void DBusServices::registerObjects(const Glib::RefPtr<Gio::DBus::Connection>& co
     if (!instance->nodeInfo)
         return;
     GDBusNodeInfo* const root = instance->nodeInfo->gobj();
-    JOURNAL(LOG_DEBUG, 494, "registerObjects", "Registering interfaces");
-    registerInterfaces(root, connection);
-    for (GDBusNodeInfo** child = root->nodes; child != nullptr && *child != nullptr; ++child) {
+    GDBusNodeInfo** child = root->nodes;
+    for (GDBusNodeInfo* node = root; node != nullptr; node = child != nullptr ? *child++ : nullptr) {
         JOURNAL(LOG_DEBUG, 494, "registerObjects", "Registering interfaces");
-        registerInterfaces(*child, connection);
+        registerInterfaces(node, connection);
     }
 }
 

@@ -15,7 +15,7 @@ class DBusServices : public Gio::DBus::Object {
 public:
     /// Returns the process-wide service; the first call creates it and requests the bus name.
     ///
-    /// @throw Glib::Error when an entry's name, type or path breaks the introspection document.
+    /// @throw Glib::Error when an entry's name, interface, object path or type breaks the introspection document.
     /// @throw std::runtime_error when the name could not be requested.
     static DBusServices* init();
 
@@ -66,7 +66,7 @@ public:
                               const Glib::ustring& interface_name, const Glib::ustring& property_name);
 
     /// Converts a stored text to the D-Bus type that the first character of `type` names: b, d, i or u; a string for
-    /// every other type. @throw std::exception when the text does not begin with a number in range.
+    /// every other type. @throw std::exception for d, i and u when the text does not begin with a number in range.
     static Glib::VariantBase contentToVariant(const Glib::ustring& type, const Glib::ustring& content);
 
     /// Answers a Set: writes the value as text to the entry's file and announces a change on the object, whether or

@@ -1,6 +1,8 @@
 #include "ConfigFileParser.h"
 
 #include <gtest/gtest.h>
+#include <utility>
+#include <vector>
 
 namespace {
 

@@ -85,15 +85,20 @@ TEST_F(Configuration, TextBehindTheDocumentIsAccepted) {
     EXPECT_EQ(parser.entries.size(), 1U);
 }
 
-TEST_F(Configuration, TopLevelObjectWithMembersRaises) {
+TEST_F(Configuration, TopLevelObjectWithMembersRaisesBeforeAnyMessage) {
     EXPECT_THROW(parse(R"({"name": "A"})"), Json::LogicError);
     EXPECT_EQ(listing, beginBanner);
     EXPECT_TRUE(parser.entries.empty());
+    EXPECT_TRUE(journal::take().empty());
 }
 
-TEST_F(Configuration, ElementThatIsNotAnObjectRaises) {
-    for (const char* text : {"[5]", "[\"x\"]", "[true]", "[[]]"})
+TEST_F(Configuration, ElementOrNameOfTheWrongTypeRaisesAfterTheDashes) {
+    for (const char* text : {"[5]", "[\"x\"]", "[true]", "[[]]", R"([{"name": {}}])"}) {
         EXPECT_THROW(parse(text), Json::LogicError) << text;
+        const std::vector<JournalMessage> expected{{6, "CODE_FILE=src/ConfigFileParser.cpp", "CODE_LINE=63",
+                                                    "parseData", "-------------------------------------"}};
+        EXPECT_EQ(journal::take(), expected) << text;
+    }
 }
 
 TEST_F(Configuration, ElementsBeforeOneThatRaisesAreListedAndKept) {

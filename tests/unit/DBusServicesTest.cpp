@@ -4,6 +4,8 @@
 #include "Support.h"
 
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -99,6 +101,13 @@ TEST_F(Construction, SecondInitReturnsTheSameServiceWithoutARequest) {
     EXPECT_EQ(name_requests::made, 1);
 }
 
+TEST_F(Construction, RequestsTheNameOnTheSystemBusWithoutFlags) {
+    DBusServices::init();
+    EXPECT_EQ(name_requests::lastBus, G_BUS_TYPE_SYSTEM);
+    EXPECT_EQ(name_requests::lastName, "com.brenvok.korvaneinfod");
+    EXPECT_EQ(name_requests::lastFlags, G_BUS_NAME_OWNER_FLAGS_NONE);
+}
+
 TEST_F(Construction, RefusedRequestIsLoggedAndRaisesAndTheServiceStays) {
     name_requests::refuse = true;
     try {
@@ -187,6 +196,16 @@ TEST_F(Registration, NodeWithTwoInterfacesIsRegisteredTwice) {
     const std::vector<JournalMessage> expected{registering("CODE_LINE=519", "registerInterfaces"),
                                                registering("CODE_LINE=519", "registerInterfaces")};
     EXPECT_EQ(journal::take(), expected);
+    DBusServices::onNameLost(peers.service, "the.name"); // each by its own id, or the path would still be taken
+    DBusServices::registerInterfaces(node->gobj(), peers.service);
+}
+
+TEST_F(Registration, KeepsTheEndOfTheBusFromEndingTheProcess) {
+    DBusServices::init();
+    const PeerConnections peers;
+    peers.service->set_exit_on_close(true);
+    DBusServices::onBusAcquired(peers.service, "the.name");
+    EXPECT_FALSE(peers.service->get_exit_on_close());
 }
 
 TEST_F(Registration, RefusedObjectRaisesWithTheInterfaceName) {
@@ -553,7 +572,15 @@ protected:
         EXPECT_TRUE(
             DBusServices::setProperty(peers.service, ":1.1", root + "/Eth0", "com.brenvok.Info1.Port", "Value", value));
         EXPECT_EQ(bytesOf(folder / "value"), entries()[0].content + "\n");
+        EXPECT_EQ(read(), entries()[0].content);
         return entries()[0].content;
+    }
+
+    /// Returns the property as a Get answers it, as text.
+    static std::string read() {
+        Glib::VariantBase property;
+        DBusServices::onGetProperty(property, {}, ":1.1", root + "/Eth0", "com.brenvok.Info1.Port", "Value");
+        return Glib::VariantBase::cast_dynamic<Glib::Variant<Glib::ustring>>(property).get();
     }
 
     std::string setText(const std::string& text) { return set(Glib::Variant<Glib::ustring>::create(text)); }
@@ -596,8 +623,19 @@ TEST_F(Write, NumbersAndBooleansAreStoredPlain) {
     EXPECT_EQ(set(Glib::Variant<unsigned char>::create(7)), "0x07");
 }
 
-TEST_F(Write, TypeAndFlagsOfTheEntryAreNotLookedAt) {
+TEST_F(Write, BooleanIsReadBack) {
     entries()[0].type = "b";
+    for (const bool value : {true, false}) {
+        DBusServices::setProperty(peers.service, ":1.1", root + "/Eth0", "com.brenvok.Info1.Port", "Value",
+                                  Glib::Variant<bool>::create(value));
+        Glib::VariantBase property;
+        DBusServices::onGetProperty(property, {}, ":1.1", root + "/Eth0", "com.brenvok.Info1.Port", "Value");
+        EXPECT_EQ(property.print(), value ? "true" : "false");
+    }
+}
+
+TEST_F(Write, TypeAndFlagsOfTheEntryAreNotLookedAt) {
+    entries()[0].type = "as";
     entries()[0].isWrite = false;
     EXPECT_EQ(setText("abc"), "abc");
 }
@@ -647,7 +685,7 @@ TEST_F(ChangeSignal, IsSentAlsoWhenTheFileCannotBeWritten) {
     EXPECT_TRUE(DBusServices::setProperty(peers.service, "", root + "/Eth0", "com.brenvok.Info1.Port", "Value",
                                           Glib::Variant<Glib::ustring>::create("x")));
     EXPECT_EQ(signals(), one);
-    EXPECT_EQ(entries()[0].content, "old");
+    EXPECT_EQ(read(), "old");
 }
 
 TEST_F(ChangeSignal, IsNotSentForAnUnknownProperty) {

@@ -1,11 +1,13 @@
 #include "NameRequests.h"
 
 #include <dlfcn.h>
-#include <gio/gio.h>
 
 bool name_requests::refuse = false;
 int name_requests::made = 0;
 int name_requests::released = 0;
+GBusType name_requests::lastBus = G_BUS_TYPE_NONE;
+std::string name_requests::lastName;
+GBusNameOwnerFlags name_requests::lastFlags = G_BUS_NAME_OWNER_FLAGS_NONE;
 
 // Defined in the program, these are found before the ones in the shared library, which they call.
 
@@ -13,6 +15,9 @@ guint g_bus_own_name(GBusType bus_type, const gchar* name, GBusNameOwnerFlags fl
                      GBusAcquiredCallback bus_acquired_handler, GBusNameAcquiredCallback name_acquired_handler,
                      GBusNameLostCallback name_lost_handler, gpointer user_data, GDestroyNotify user_data_free_func) {
     ++name_requests::made;
+    name_requests::lastBus = bus_type;
+    name_requests::lastName = name;
+    name_requests::lastFlags = flags;
     if (name_requests::refuse) {
         user_data_free_func(user_data);
         return 0;

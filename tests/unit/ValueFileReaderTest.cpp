@@ -1,5 +1,8 @@
+#include "SeekLog.h"
 #include "Support.h"
 
+#include <array>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
@@ -57,6 +60,14 @@ TEST_F(ParFile, MissingFileOrFolderInItsPlaceIsTheEmptyText) {
     EXPECT_TRUE(journal::take().empty());
 }
 
+TEST_F(ParFile, PathMayBeANumber) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(folder);
+    file("5", "five\n");
+    EXPECT_EQ(ConfigFileParser::readValueFromPathFile(json(R"({"path": 5, "location": "par"})")), "five");
+    std::filesystem::current_path(before);
+}
+
 using UnknownLocation = ValueFile;
 
 TEST_F(UnknownLocation, IsTheEmptyText) {
@@ -106,8 +117,11 @@ TEST_F(ShortFuse, EveryOffsetIsReachedByWords) {
     std::string bytes;
     for (char byte = 0; byte < 16; ++byte)
         bytes += byte;
-    for (int offset = 0; offset < 16; ++offset)
+    for (int offset = 0; offset < 16; ++offset) {
+        seek_log::take();
         EXPECT_EQ(read(bytes, fuses(std::to_string(offset), 1)), std::to_string(offset));
+        EXPECT_EQ(seek_log::take(), std::vector<std::int64_t>{offset / 4 * 4});
+    }
 }
 
 TEST_F(ShortFuse, OffsetIsTextInDecimalOctalOrHexadecimal) {
