@@ -3,7 +3,7 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ meson ninja-build pkgconf libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev)
+build_packages=(g++ meson ninja-build pkgconf libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev libdbus-1-dev systemd)
 
 # as_root COMMAND...: runs a command as root, by sudo where needed.
 as_root() {
