@@ -171,9 +171,9 @@ def text_of(field):
 class Signals:
     """Records every signal of the daemon, in order, as (path, interface, member, arguments)."""
 
-    def __init__(self, bus):
+    def __init__(self, bus, connection=None):
         self.bus = bus
-        self.connection = bus.connect()
+        self.connection = connection or bus.connect()
         self.seen = []
         self.connection.signal_subscribe(BUS_NAME, None, None, None, None, Gio.DBusSignalFlags.NONE, self._record)
         # The bus takes the messages of several clients in any order; its answer says that it knows of the subscription.
