@@ -38,20 +38,22 @@ std::optional<std::string_view> relativeObjectPath(std::string_view objectPath) 
 Lookup findEntry(const Glib::ustring& objectPath, const Glib::ustring& interfaceName, const Glib::ustring& name) {
     const auto wantedPath = relativeObjectPath(objectPath.raw());
     const auto wantedInterface = tailOf(interfaceName.raw(), DBusServices::interfaceBaseName.raw(), '.');
+    const auto hasPath = [&](const ConfigEntry& entry) { return wantedPath == entry.objectPath; };
+    const auto hasInterface = [&](const ConfigEntry& entry) {
+        return hasPath(entry) && wantedInterface == entry.interface;
+    };
+
     const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
     Lookup lookup;
     for (std::uint32_t position = 0; position < entries.size(); ++position) {
         const ConfigEntry& entry = entries[position];
-        if (wantedPath != entry.objectPath)
-            continue;
-        lookup.pathSeen = true;
-        if (wantedInterface != entry.interface)
-            continue;
-        lookup.interfaceSeen = true;
-        if (name.raw() != entry.name)
-            continue;
-        lookup.position = position;
-        break;
+        // A flag stays set, so that of entries that share an object and an interface only the names are compared.
+        lookup.pathSeen = lookup.pathSeen || hasPath(entry);
+        lookup.interfaceSeen = lookup.interfaceSeen || hasInterface(entry);
+        if (name.raw() == entry.name && hasInterface(entry)) {
+            lookup.position = position;
+            break;
+        }
     }
     return lookup;
 }
