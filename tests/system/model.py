@@ -284,7 +284,7 @@ class Model:
 
     def _parse_element(self, element):
         self._log(6, "ConfigFileParser", 63, "parseData", "-" * 37)
-        self._log(6, "ConfigFileParser", 64, "parseData", "Current Entry: " + c_string(as_text(member(element, "name"))))
+        self._log(6, "ConfigFileParser", 64, "parseData", f"Current Entry: {as_text(member(element, 'name'))}")
         self._log(7, "ConfigFileParser", 68, "parseData", "Current Entry JSON:\n" + c_string(styled(element) + "\n"))
         content = self._read_value(element)
         entry = Entry()

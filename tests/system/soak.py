@@ -1,7 +1,8 @@
 """Soak: mixed requests from 16 concurrent clients, some of which vanish in mid-call or send rubbish.
 
-Each item has one writer, which sets it to ascending numbers. So whatever else is under way, a Get must answer a number
-that is at least the last one answered for before the Get was sent, and at most the last one sent when its reply comes.
+Each item has one writer, which sets it to ascending numbers. Its own Get must answer exactly what it set last, since
+the calls of one connection are kept in order. Another client's Get must answer at least the last number that had been
+answered for when the Get was sent, and at most the last one sent when its reply comes.
 """
 
 import argparse
@@ -34,7 +35,8 @@ class Item:
         self.path = f"{ROOT}/Group{number % 4}"
         self.type = "si"[number % 2]
         self.sent = 0
-        self.answered = 0
+        self.answered = 0  # the last one the writer has a reply for
+        self.in_order = 0  # the last one that is ahead of whatever the writer sends now
 
     def next_value(self, random_source):
         """Returns a variant with the next number; a text is sometimes a long one."""
@@ -43,10 +45,11 @@ class Item:
             return GLib.Variant("i", self.sent)
         return GLib.Variant("s", f"{self.sent} " + "x" * random_source.choice([0, 10, 10, 10, 500, 2000]))
 
-    def check(self, value, lowest):
-        """Checks a value that was answered against the lowest number that it may hold."""
+    def check(self, value, lowest, highest=None):
+        """Checks a value that was answered against the lowest and the highest number that it may hold."""
         number = int(str(value).split(" ", maxsplit=1)[0])
-        assert lowest <= number <= self.sent, f"{self.name}: {number} is not in {lowest} to {self.sent}"
+        highest = self.sent if highest is None else highest
+        assert lowest <= number <= highest, f"{self.name}: {number} is not in {lowest} to {highest}"
 
 
 class Client:
@@ -83,8 +86,11 @@ class Client:
                 reply, error = None, Gio.DBusError.get_remote_error(failure) or failure.message
             self.pending.remove(token)
             self.soak.answered += 1
-            check(reply, error)
-            self.fill()
+            try:
+                check(reply, error)
+                self.fill()
+            except Exception as failure:  # an exception that leaves a callback is lost
+                self.soak.failures.append(failure)
 
         connection.call(BUS_NAME, path, interface, method, parameters, None, Gio.DBusCallFlags.NO_AUTO_START,
                         TIMEOUT * 1000, None, answered)
@@ -96,6 +102,7 @@ class Client:
         self.call(path, interface, method, parameters, check)
 
     def get(self):
+        """Gets an item of any writer."""
         item = self.random.choice(self.soak.items)
         lowest = item.answered
 
@@ -103,6 +110,17 @@ class Client:
             assert error is None, error
             item.check(reply[0], lowest)
             self.soak.counts["Get"] += 1
+        self.call(item.path, PROPERTIES, "Get", GLib.Variant("(ss)", (BOARD, item.name)), check)
+
+    def get_own(self):
+        """Gets an item that only this client sets."""
+        item = self.random.choice(self.own)
+        lowest, highest = item.in_order, item.sent
+
+        def check(reply, error):
+            assert error is None, error
+            item.check(reply[0], lowest, highest)
+            self.soak.counts["Get of the client's own item"] += 1
         self.call(item.path, PROPERTIES, "Get", GLib.Variant("(ss)", (BOARD, item.name)), check)
 
     def get_all(self):
@@ -119,7 +137,7 @@ class Client:
     def set(self):
         item = self.random.choice(self.own)
         value = item.next_value(self.random)
-        number = item.sent
+        number = item.in_order = item.sent
 
         def check(_reply, error):
             assert error is None, error
@@ -162,6 +180,8 @@ class Client:
         old.call(BUS_NAME, item.path, PROPERTIES, "Set", value, None, Gio.DBusCallFlags.NO_AUTO_START, -1, None, None)
         old.flush(None, lambda connection, result: connection.flush_finish(result) and connection.close(None, None))
         self.connection = None
+        for own in self.own:
+            own.in_order = own.answered  # what was in flight may have been lost
         self.soak.answered += len(self.pending) + 1
         self.pending.clear()
         bus = self.soak.bed.bus.connection
@@ -175,8 +195,9 @@ class Client:
                                             "/org/freedesktop/DBus", name, Gio.DBusSignalFlags.NONE, gone)
 
 
-KINDS = ([Client.get, Client.set, Client.get_all, Client.set_wrong_type, Client.get_unknown, Client.get_unknown_path,
-          Client.get_of_another_interface, Client.call_rubbish], [48, 35, 3, 3, 4, 2, 1, 4])
+KINDS = ([Client.get, Client.get_own, Client.set, Client.get_all, Client.set_wrong_type, Client.get_unknown,
+          Client.get_unknown_path, Client.get_of_another_interface, Client.call_rubbish],
+         [24, 24, 35, 3, 3, 4, 2, 1, 4])
 
 
 class Soak:
@@ -189,6 +210,7 @@ class Soak:
         self.progress = progress
         self.sent = self.answered = 0
         self.counts = Counter()
+        self.failures = []  # what callbacks found
         self.samples = []  # of (answered, private memory)
         self.new_descriptors = None
         self.items = [Item(number) for number in range(ITEMS)]
@@ -222,7 +244,9 @@ class Soak:
             goal = self.requests * step // steps
             while self.answered < goal:
                 before = self.answered
-                wait_until(lambda: self.answered >= min(goal, before + 1000), "replies")
+                wait_until(lambda: self.failures or self.answered >= min(goal, before + 1000), "replies")
+                if self.failures:
+                    raise self.failures[0]
                 assert self.daemon.process.poll() is None, "the daemon has ended"
             self.samples.append((self.answered, private_memory(self.daemon)))
             if self.progress is not None:

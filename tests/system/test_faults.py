@@ -25,7 +25,8 @@ CONNECTION_LOST = (7, "src/dbus/DBusServices.cpp", 460, "onNameLost", "connectio
 
 
 def entry(name, path):
-    return {"name": name, "interface": "Board", "path": path, "location": "par", "type": "s", "read": True, "write": True}
+    return {"name": name, "interface": "Board", "path": path, "location": "par", "type": "s", "read": True,
+            "write": True}
 
 
 def read(path):
@@ -274,6 +275,27 @@ def test_journal_that_hangs_gets_the_messages_when_it_goes_on(bed, host):
     assert get(bed) == "new"
     os.kill(host.journald, signal.SIGCONT)
     assert host.messages() == [f"Property Missing{number} not found" for number in range(4)]
+
+
+def test_more_messages_than_a_hanging_journal_queues_delay_requests_and_lose_nothing(bed, host):
+    with open("/proc/sys/net/unix/max_dgram_qlen", encoding="ascii") as file:
+        queued = int(file.read())
+    count = queued + 10
+    os.kill(host.journald, signal.SIGSTOP)
+    errors = []
+
+    def answered(connection, result):
+        with pytest.raises(GLib.Error, match="unknown"):
+            connection.call_finish(result)
+        errors.append(True)
+
+    for _ in range(count):
+        bed.bus.connection.call(BUS_NAME, ROOT, PROPERTIES, "Get", GLib.Variant("(ss)", (BOARD, "Missing0")), None,
+                                Gio.DBusCallFlags.NO_AUTO_START, TIMEOUT * 1000, None, answered)
+    wait_until(lambda: len(errors) >= queued, "the replies whose messages the queue holds")
+    os.kill(host.journald, signal.SIGCONT)
+    wait_until(lambda: len(errors) == count, "all replies")
+    assert host.messages() == ["Property Missing0 not found"] * count
 
 
 # --- the bus, and the daemon itself
