@@ -49,11 +49,7 @@ def mount(*arguments):
 @pytest.fixture
 def small_disk(bed):
     """A file system of two pages and three files, which a test can fill."""
-    folder = os.path.join(bed.directory, "disk")
-    os.mkdir(folder)
-    mount("-t", "tmpfs", "-o", f"size={2 * os.sysconf('SC_PAGE_SIZE')},nr_inodes=3", "small-disk", folder)
-    yield folder
-    subprocess.run(["umount", "--lazy", folder], check=True)
+    return bed.tmpfs("disk", f"size={2 * os.sysconf('SC_PAGE_SIZE')},nr_inodes=3")
 
 
 def fill(folder, pages):
