@@ -3,7 +3,8 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ meson ninja-build pkgconf libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev libdbus-1-dev systemd)
+build_libraries=(libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev libdbus-1-dev systemd)
+build_packages=(g++ meson ninja-build pkgconf "${build_libraries[@]}")
 
 # as_root COMMAND...: runs a command as root, by sudo where needed.
 as_root() {
