@@ -1,0 +1,83 @@
+#include "Document.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <sstream>
+
+namespace check {
+
+namespace {
+
+/// Parses with these settings; returns the first complaint, with its position, if there is one.
+std::optional<Finding> parse(const Json::CharReaderBuilder& builder, const std::string& text, Json::Value& root) {
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    Finding finding{};
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &root, &errors))
+            return std::nullopt;
+    } catch (const Json::Exception& exception) { // nested too deeply
+        finding.reason = exception.what();
+        return finding;
+    }
+    // The library's report: "* Line 3, Column 5", a line feed, and the message, blanks before it.
+    std::istringstream report(errors);
+    std::string word;
+    char comma = 0;
+    report >> word >> word >> finding.line >> comma >> word >> finding.column >> std::ws;
+    std::getline(report, finding.reason);
+    if (!finding.reason.empty() && finding.reason.back() == '.')
+        finding.reason.pop_back();
+    return finding;
+}
+
+/// Parses once more with a setting of the library that makes it refuse what it otherwise swallows.
+void findSwallowed(Kind kind, const char* setting, const std::string& text, std::vector<Finding>& findings) {
+    Json::CharReaderBuilder builder;
+    builder[setting] = true;
+    Json::Value root;
+    if (auto finding = parse(builder, text, root)) {
+        finding->kind = kind;
+        findings.push_back(*finding);
+    }
+}
+
+} // namespace
+
+Document::Document(const std::string& text, std::vector<Finding>& findings) {
+    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1))
+        lineEnds.push_back(at);
+    if (auto finding = parse(Json::CharReaderBuilder(), text, rootValue)) {
+        finding->kind = Kind::syntax;
+        findings.push_back(*finding);
+        return;
+    }
+    valid = true;
+    findSwallowed(Kind::duplicateKey, "rejectDupKeys", text, findings);
+    findSwallowed(Kind::trailingText, "failIfExtra", text, findings);
+}
+
+std::size_t Document::lineOf(const Json::Value& value) const {
+    const auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetStart(), 0));
+    return 1 + static_cast<std::size_t>(std::lower_bound(lineEnds.begin(), lineEnds.end(), offset) - lineEnds.begin());
+}
+
+std::string typeName(const Json::Value& value) {
+    switch (value.type()) {
+    case Json::nullValue:
+        return "null";
+    case Json::booleanValue:
+        return "a boolean";
+    case Json::stringValue:
+        return "a string";
+    case Json::arrayValue:
+        return "an array";
+    case Json::objectValue:
+        return "an object";
+    default:
+        return "a number";
+    }
+}
+
+} // namespace check

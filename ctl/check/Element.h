@@ -1,0 +1,39 @@
+#pragma once
+
+#include "ConfigFileParser.h"
+#include "Document.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace check {
+
+/// Longest "fuses" value, in bytes, whose hexadecimal digits fit into a message on the system bus.
+constexpr std::uint32_t longestFuses = (1U << 24U) - 1024;
+
+/// One element of the configuration under check: what the daemon makes of it, and a way to report.
+struct Element {
+    const Document& document;
+    const Json::Value& json;
+    std::size_t position;          ///< in the array, from 0
+    std::vector<Finding>& findings;
+    ConfigEntry entry;             ///< as the daemon fills it, but for the content
+
+    /// Adds a finding about one of the element's keys, on the line of its value where it has one. An empty key
+    /// stands for the element as a whole.
+    void report(Kind kind, const std::string& key, const std::string& reason) const;
+
+    /// Whether the daemon lets clients read the item.
+    bool isReadable() const;
+};
+
+/// Checks keys and JSON types, and fills the entry. Returns false when the daemon ends over a type; there is no entry
+/// then.
+bool checkKeys(Element& element);
+
+/// Checks offset, length, translation and access, as far as the configuration alone tells.
+void checkStorage(const Element& element);
+
+} // namespace check

@@ -1,0 +1,158 @@
+#include "Findings.h"
+
+#include <array>
+#include <glib.h>
+#include <json/json.h>
+
+namespace check {
+
+namespace {
+
+constexpr Severity error = Severity::error;
+constexpr Severity warning = Severity::warning;
+
+// In the order of Kind. What to do continues the reason, behind a semicolon.
+constexpr std::array kinds{
+    KindInfo{Kind::unreadableFile, "unreadable-file", error, "name a configuration file that can be read"},
+    KindInfo{Kind::syntax, "syntax", error, "correct the JSON, without it the daemon does not start"},
+    KindInfo{Kind::topLevel, "top-level", error, "write an array of objects, the daemon ends at start"},
+    KindInfo{Kind::topLevelIgnored, "top-level-ignored", warning, "write an array of objects, nothing is published"},
+    KindInfo{Kind::duplicateKey, "duplicate-key", warning, "remove one of them, only the last one counts"},
+    KindInfo{Kind::trailingText, "trailing-text", warning, "remove it, the daemon ignores it"},
+    KindInfo{Kind::elementType, "element-type", error, "write an object, the daemon ends at start"},
+    KindInfo{Kind::wrongType, "wrong-type", error, "correct the type, the daemon ends at start"},
+    KindInfo{Kind::oddType, "odd-type", warning, "write the type that is meant"},
+    KindInfo{Kind::unknownKey, "unknown-key", warning, "correct or remove it, the daemon ignores it"},
+    KindInfo{Kind::introspection, "introspection", error,
+             "use letters, digits and underscores, the daemon ends at start"},
+    KindInfo{Kind::objectPath, "object-path", error,
+             "use letters, digits and underscores with single slashes between, the daemon ends at start"},
+    KindInfo{Kind::interfaceName, "interface-name", error,
+             "use letters, digits and underscores, not a digit first, the daemon ends at start"},
+    KindInfo{Kind::propertyName, "property-name", error,
+             "use letters, digits and underscores, not a digit first, many clients refuse other names"},
+    KindInfo{Kind::signature, "signature", error, "write one complete D-Bus type such as \"s\", \"u\" or \"b\""},
+    KindInfo{Kind::interfaceDiffers, "interface-differs", error,
+             "give all items of an object path the same interface, clients cannot read this one"},
+    KindInfo{Kind::duplicateItem, "duplicate-item", error, "rename or remove one of them, the first one answers"},
+    KindInfo{Kind::valueNumber, "value-number", error,
+             "correct the value or use type \"s\", the daemon ends when a client reads the item"},
+    KindInfo{Kind::valueEncoding, "value-encoding", error,
+             "correct the value, the daemon ends when a client reads the item"},
+    KindInfo{Kind::valueTooLong, "value-too-long", error,
+             "shorten it, the bus disconnects the daemon when a client reads it"},
+    KindInfo{Kind::valuePart, "value-part", warning, "correct the value or use type \"s\""},
+    KindInfo{Kind::valueNul, "value-nul", warning, "remove the NUL, clients see only the text before it"},
+    KindInfo{Kind::valueBoolean, "value-boolean", warning, "only the text \"true\" is published as true"},
+    KindInfo{Kind::answeredAsText, "answered-as-text", warning,
+             "use \"s\", or \"b\", \"d\", \"i\" or \"u\", clients get a string for every other type"},
+    KindInfo{Kind::noAccess, "no-access", warning, "set \"read\" or \"write\", it is published as readable"},
+    KindInfo{Kind::writableFuses, "writable-fuses", warning,
+             "remove \"write\", a client's Set replaces the whole file with text"},
+    KindInfo{Kind::writableNumber, "writable-number", warning,
+             "use type \"i\" or \"s\", or remove \"write\", some values that a client can set end the daemon"},
+    KindInfo{Kind::writeTarget, "write-target", warning, "correct the path, a client's Set changes nothing"},
+    KindInfo{Kind::unknownLocation, "unknown-location", warning, "write \"par\" or \"fuses\", the value stays empty"},
+    KindInfo{Kind::relativePath, "relative-path", warning,
+             "write an absolute path, the daemon looks from its own working directory"},
+    KindInfo{Kind::valueFile, "value-file", warning, "correct the path, the value is read as empty or zero"},
+    KindInfo{Kind::valueFileKind, "value-file-kind", warning,
+             "name a regular file, reading this one may block or never end; its value is not checked"},
+    KindInfo{Kind::fuseLength, "fuse-length", warning, "give the number of bytes, the value is always 0"},
+    KindInfo{Kind::fuseEnd, "fuse-end", warning,
+             "correct \"offset\" or \"length\", missing bytes are zero or repeat the last one"},
+    KindInfo{Kind::fuseWhitespace, "fuse-whitespace", warning,
+             "publish up to 4 bytes an item, longer ones skip whitespace bytes and read on behind their end"},
+    KindInfo{Kind::fuseRange, "fuse-range", warning,
+             "use type \"s\" or fewer bytes, on a board with a larger value the daemon ends when a client reads it"},
+    KindInfo{Kind::hugeLength, "huge-length", warning, "correct it, the daemon holds the value in memory many times"},
+    KindInfo{Kind::offsetText, "offset-text", warning,
+             "write a decimal number from 0 to 4294967295, or a hexadecimal one with 0x"},
+    KindInfo{Kind::translateIgnored, "translate-ignored", warning,
+             "remove it, only values of \"location\" \"fuses\" are translated"},
+    KindInfo{Kind::translateKey, "translate-key", warning, "correct or remove it, it never matches"},
+    KindInfo{Kind::translateValue, "translate-value", warning, "write a string, the daemon ignores the member"},
+};
+
+constexpr bool inOrder() {
+    for (std::size_t i = 0; i < kinds.size(); ++i)
+        if (static_cast<std::size_t>(kinds[i].kind) != i)
+            return false;
+    return kinds.size() == static_cast<std::size_t>(Kind::translateValue) + 1;
+}
+static_assert(inOrder());
+
+const char* severityText(const Finding& finding) { return finding.severity == error ? "error" : "warning"; }
+
+std::string printable(const std::string& text) {
+    static constexpr std::array digits{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
+    const gchar* invalid = nullptr;
+    const bool valid = g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &invalid) != FALSE;
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f || (byte >= 0x80 && !valid)) {
+            result += "\\x";
+            result += digits[byte / 16U];
+            result += digits[byte % 16U];
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+const KindInfo& kindInfo(Kind kind) { return kinds[static_cast<std::size_t>(kind)]; }
+
+std::string quoted(const std::string& text) {
+    constexpr std::size_t longest = 60;
+    if (text.size() <= longest)
+        return '"' + printable(text) + '"';
+    std::size_t end = longest; // not in the middle of a character
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+        --end;
+    return '"' + printable(text.substr(0, end)) + "\"...";
+}
+
+void writeText(std::ostream& out, const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        out << finding.file << ':';
+        if (finding.line != 0)
+            out << finding.line << ':';
+        if (finding.column != 0)
+            out << finding.column << ':';
+        out << ' ' << severityText(finding) << ": ";
+        if (finding.element)
+            out << "element " << *finding.element << (finding.name.empty() ? "" : " " + quoted(finding.name)) << ": ";
+        if (!finding.key.empty())
+            out << quoted(finding.key) << ": ";
+        const KindInfo& kind = kindInfo(finding.kind);
+        out << finding.reason << "; " << kind.remedy << " [" << kind.id << "]\n";
+    }
+}
+
+void writeJson(std::ostream& out, const std::vector<Finding>& findings) {
+    Json::Value array(Json::arrayValue);
+    for (const Finding& finding : findings) {
+        const KindInfo& kind = kindInfo(finding.kind);
+        Json::Value object;
+        object["file"] = finding.file;
+        object["line"] = finding.line != 0 ? Json::Value(Json::UInt64{finding.line}) : Json::Value();
+        object["column"] = finding.column != 0 ? Json::Value(Json::UInt64{finding.column}) : Json::Value();
+        object["element"] = finding.element ? Json::Value(Json::UInt64{*finding.element}) : Json::Value();
+        object["name"] = finding.name;
+        object["key"] = finding.key;
+        object["severity"] = severityText(finding);
+        object["kind"] = kind.id;
+        object["reason"] = finding.reason;
+        object["remedy"] = kind.remedy;
+        array.append(object);
+    }
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    out << Json::writeString(builder, array) << '\n';
+}
+
+} // namespace check

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace check {
+
+enum class Severity { error, warning };
+
+/// What can be found; `kindInfo` tells the severity of each and what to do about it.
+enum class Kind {
+    unreadableFile,
+    syntax,
+    topLevel,
+    topLevelIgnored,
+    duplicateKey,
+    trailingText,
+    elementType,
+    wrongType,
+    oddType,
+    unknownKey,
+    introspection,
+    objectPath,
+    interfaceName,
+    propertyName,
+    signature,
+    interfaceDiffers,
+    duplicateItem,
+    valueNumber,
+    valueEncoding,
+    valueTooLong,
+    valuePart,
+    valueNul,
+    valueBoolean,
+    answeredAsText,
+    noAccess,
+    writableFuses,
+    writableNumber,
+    writeTarget,
+    unknownLocation,
+    relativePath,
+    valueFile,
+    valueFileKind,
+    fuseLength,
+    fuseEnd,
+    fuseWhitespace,
+    fuseRange,
+    hugeLength,
+    offsetText,
+    translateIgnored,
+    translateKey,
+    translateValue,
+};
+
+/// One row of the table of kinds.
+struct KindInfo {
+    Kind kind;
+    const char* id;     ///< stable name of the kind, for programs
+    Severity severity;  ///< error: the daemon does not start, ends, or an item cannot be read; warning: a surprise
+    const char* remedy; ///< what to do about it
+};
+
+/// Returns the row of a kind.
+const KindInfo& kindInfo(Kind kind);
+
+/// One thing found in one configuration file.
+struct Finding {
+    Kind kind;
+    std::string file;                   ///< the configuration file, as given
+    std::size_t line = 0;               ///< from 1; 0: unknown, or the file as a whole
+    std::size_t column = 0;             ///< from 1; 0: only the line is known
+    std::optional<std::size_t> element; ///< position in the array, from 0
+    std::string name;                   ///< of the element's property; may be empty
+    std::string key;                    ///< of the element; empty: the element or the document as a whole
+    std::string reason;                 ///< what is wrong with this very place
+    Severity severity = Severity::error;
+};
+
+/// Returns a text in double quotes, with everything but printable ASCII characters and valid UTF-8 escaped, and cut
+/// when it is long.
+std::string quoted(const std::string& text);
+
+/// Writes the findings like a compiler's, one a line.
+void writeText(std::ostream& out, const std::vector<Finding>& findings);
+
+/// Writes the findings as one JSON array of objects.
+void writeJson(std::ostream& out, const std::vector<Finding>& findings);
+
+} // namespace check
