@@ -114,8 +114,11 @@ class Daemon:
         owner = bus.owner(BUS_NAME)
         if owner is None:
             return False
-        pid = bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                       "GetConnectionUnixProcessID", GLib.Variant("(s)", (owner,)))[0]
+        try:
+            pid = bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "GetConnectionUnixProcessID", GLib.Variant("(s)", (owner,)))[0]
+        except GLib.Error:
+            return False  # it has left since
         return pid == self.process.pid
 
     def wait_for_message(self, function):
