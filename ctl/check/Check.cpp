@@ -143,10 +143,11 @@ std::vector<Finding> checkText(const std::string& file, const std::string& text,
 }
 
 std::vector<Finding> checkFile(const std::string& file, const Options& options) {
+    errno = 0;
     std::ostringstream text;
     std::ifstream stream(file);
     text << stream.rdbuf();
-    if (!stream.is_open() || text.bad()) {
+    if (!stream.is_open() || (text.fail() && errno != 0)) {
         Finding finding{};
         finding.kind = Kind::unreadableFile;
         finding.file = file;

@@ -17,16 +17,15 @@ std::optional<Finding> parse(const Json::CharReaderBuilder& builder, const std::
     try {
         if (reader->parse(text.data(), text.data() + text.size(), &root, &errors))
             return std::nullopt;
+        // The library's report: "* Line 3, Column 5", a line feed, and the message, blanks before it.
+        std::istringstream report(errors);
+        std::string word;
+        char comma = 0;
+        report >> word >> word >> finding.line >> comma >> word >> finding.column >> std::ws;
+        std::getline(report, finding.reason);
     } catch (const Json::Exception& exception) { // nested too deeply
         finding.reason = exception.what();
-        return finding;
     }
-    // The library's report: "* Line 3, Column 5", a line feed, and the message, blanks before it.
-    std::istringstream report(errors);
-    std::string word;
-    char comma = 0;
-    report >> word >> word >> finding.line >> comma >> word >> finding.column >> std::ws;
-    std::getline(report, finding.reason);
     if (!finding.reason.empty() && finding.reason.back() == '.')
         finding.reason.pop_back();
     return finding;

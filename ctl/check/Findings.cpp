@@ -33,7 +33,7 @@ constexpr std::array kinds{
              "use letters, digits and underscores, not a digit first, many clients refuse other names"},
     KindInfo{Kind::signature, "signature", error, "write one complete D-Bus type such as \"s\", \"u\" or \"b\""},
     KindInfo{Kind::interfaceDiffers, "interface-differs", error,
-             "give all items of an object path the same interface, clients cannot read this one"},
+             "give all items of an object path the same interface, clients cannot reach this one"},
     KindInfo{Kind::duplicateItem, "duplicate-item", error, "rename or remove one of them, the first one answers"},
     KindInfo{Kind::valueNumber, "value-number", error,
              "correct the value or use type \"s\", the daemon ends when a client reads the item"},
@@ -106,14 +106,16 @@ std::string printable(const std::string& text) {
 
 const KindInfo& kindInfo(Kind kind) { return kinds[static_cast<std::size_t>(kind)]; }
 
-std::string quoted(const std::string& text) {
+std::string quoted(const std::string& text) { return '"' + printable(text) + '"'; }
+
+std::string excerpt(const std::string& text) {
     constexpr std::size_t longest = 60;
     if (text.size() <= longest)
-        return '"' + printable(text) + '"';
+        return quoted(text);
     std::size_t end = longest; // not in the middle of a character
     while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
         --end;
-    return '"' + printable(text.substr(0, end)) + "\"...";
+    return quoted(text.substr(0, end)) + "...";
 }
 
 void writeText(std::ostream& out, const std::vector<Finding>& findings) {

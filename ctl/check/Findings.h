@@ -79,9 +79,11 @@ struct Finding {
     Severity severity = Severity::error;
 };
 
-/// Returns a text in double quotes, with everything but printable ASCII characters and valid UTF-8 escaped, and cut
-/// when it is long.
+/// Returns a text in double quotes, with control characters and everything but UTF-8 escaped.
 std::string quoted(const std::string& text);
+
+/// Returns the beginning of a text in double quotes.
+std::string excerpt(const std::string& text);
 
 /// Writes the findings like a compiler's, one a line.
 void writeText(std::ostream& out, const std::vector<Finding>& findings);

@@ -54,15 +54,15 @@ void checkNumberText(const Element& element, const std::string& content, const G
     const bool isNegative = content.find('-') < end;
     if (!isWhole || (element.entry.type == "u" && isNegative))
         element.report(Kind::valuePart, "type",
-                       "the value " + quoted(content) + " is published as " + published.print().raw());
+                       "the value " + excerpt(content) + " is published as " + published.print().raw());
 }
 
 void checkText(const Element& element, const std::string& content) {
     // As far as GLib reads it, which complains of bad text aloud before the daemon ends over it.
     if (g_utf8_validate(content.c_str(), -1, nullptr) == FALSE)
-        element.report(Kind::valueEncoding, "type", "the value " + quoted(content) + " is not UTF-8");
+        element.report(Kind::valueEncoding, "type", "the value " + excerpt(content) + " is not UTF-8");
     if (content.find('\0') != std::string::npos)
-        element.report(Kind::valueNul, "type", "the value " + quoted(content) + " holds a NUL");
+        element.report(Kind::valueNul, "type", "the value " + excerpt(content) + " holds a NUL");
 }
 
 } // namespace
@@ -105,12 +105,12 @@ void checkValue(const Element& element, const std::string& content) {
         if (type.front() != 'b')
             checkNumberText(element, content, published);
         else if (content != "true" && content != "false")
-            element.report(Kind::valueBoolean, "type", "the value " + quoted(content) + " is published as false");
+            element.report(Kind::valueBoolean, "type", "the value " + excerpt(content) + " is published as false");
     } catch (const std::out_of_range&) {
         element.report(Kind::valueNumber, "type",
-                       "the value " + quoted(content) + " is out of range for type " + quoted(type));
+                       "the value " + excerpt(content) + " is out of range for type " + quoted(type));
     } catch (const std::invalid_argument&) {
-        element.report(Kind::valueNumber, "type", "the value " + quoted(content) + " does not begin with a number");
+        element.report(Kind::valueNumber, "type", "the value " + excerpt(content) + " does not begin with a number");
     }
 }
 

@@ -102,6 +102,8 @@ class Generator:
                 element[key] = self.random.choice(ODD_VALUES)
             if self.is_odd() and self.is_odd():
                 element.pop(key, None)
+        if element.get("length") == 2**31:  # the daemon would take minutes, and most of the memory
+            element["length"] = 2**16
         return element
 
     def elements(self):
@@ -168,7 +170,7 @@ def read_everything(bed, daemon, elements):
     """Gets each element's property, then walks over all that is declared; returns what `troubles` does."""
     wrong, culprits = [], set()
     for position, element in enumerate(elements):
-        if not isinstance(element, dict) or (element.get("write") and not element.get("read")):
+        if not isinstance(element, dict) or is_write_only(element):
             continue
         interface = f"{INTERFACE}.{as_text(element.get('interface'))}"
         if fails(bed.get, full_path(as_text(element.get("objectpath"))), interface, as_text(element.get("name"))):
@@ -189,6 +191,11 @@ def read_everything(bed, daemon, elements):
     if daemon.process.poll() is not None:
         wrong.append(f"ended with {daemon.wait()}: {daemon.stderr()}")
     return wrong, culprits
+
+
+def is_write_only(element):
+    """Whether clients are not meant to read the item."""
+    return isinstance(element, dict) and bool(element.get("write")) and not element.get("read")
 
 
 def as_text(value):
@@ -212,7 +219,9 @@ def judge(bed, elements, document):
         return False
     named = {finding["element"] for finding in errors}
     assert culprits <= named, "the wrong element is named" + report
-    kinds = {finding["kind"] for finding in errors}
+    write_only = {position for position, element in enumerate(elements) if is_write_only(element)}
+    kinds = {error["kind"] for error in errors
+             if error["kind"] != "interface-differs" or error["element"] not in write_only}
     if kinds & FATAL_KINDS and "duplicate-item" not in kinds:
         assert wrong, "false alarm" + report
     return True
