@@ -12,7 +12,7 @@ import random
 import shutil
 import xml.etree.ElementTree
 
-from gi.repository import Gio, GLib
+from gi.repository import GLib
 
 from checking import findings_of
 from testbed import BUS_NAME, INTERFACE, full_path
@@ -155,9 +155,9 @@ def troubles(bed, document, elements):
     try:
         if not daemon.wait_for_name(bed.bus):
             return [f"ended with {daemon.wait()} at start: {daemon.stderr()}"], set()
-        wrong, culprits = read_everything(bed, daemon, elements)
-        # It may own its name for a moment before it gives up; without elements nothing else would tell.
-        if (wrong or not elements) and any(text == "Registration failed" for *_, text in daemon.journal()):
+        wrong, culprits, is_empty = read_everything(bed, daemon, elements)
+        # It may own its name for a moment before it gives up; without items nothing else would tell.
+        if (wrong or is_empty) and any(text == "Registration failed" for *_, text in daemon.journal()):
             return [f"ended with {daemon.wait()} at start: {daemon.stderr()}"], set()
         return wrong, culprits
     finally:
@@ -167,8 +167,9 @@ def troubles(bed, document, elements):
 
 
 def read_everything(bed, daemon, elements):
-    """Gets each element's property, then walks over all that is declared; returns what `troubles` does."""
-    wrong, culprits = [], set()
+    """Gets each element's property, then walks over all that is declared; returns what `troubles` does, and whether
+    nothing is declared."""
+    wrong, culprits, items = [], set(), []
     for position, element in enumerate(elements):
         if not isinstance(element, dict) or is_write_only(element):
             continue
@@ -177,20 +178,19 @@ def read_everything(bed, daemon, elements):
             wrong.append(f"element {position} cannot be read")
             culprits.add(position)
         if fails(bed.bus.call, BUS_NAME, full_path(""), "org.freedesktop.DBus.Peer", "Ping"):
-            return wrong + [f"ended with {daemon.wait()}: {daemon.stderr()}"], culprits
+            return wrong + [f"ended with {daemon.wait()}: {daemon.stderr()}"], culprits, False
     try:
-        for path, interface, name, access in list(declared(bed, full_path(""))):
+        items = list(declared(bed, full_path("")))
+        for path, interface, name, access in items:
             if access != "write" and name not in bed.get_all(path, interface):
                 wrong.append(f"{path} {interface} {name} is not among all properties")
     except GLib.Error as error:
-        is_empty = Gio.DBusError.get_remote_error(error) == "org.freedesktop.DBus.Error.UnknownMethod"
-        if elements or not is_empty:
-            wrong.append(f"a walk over all items fails: {error}, {daemon.process.poll()}: {daemon.stderr()}")
+        wrong.append(f"a walk over all items fails: {error}, {daemon.process.poll()}: {daemon.stderr()}")
     except xml.etree.ElementTree.ParseError as error:
         wrong.append(f"the introspection data is broken: {error}")
     if daemon.process.poll() is not None:
         wrong.append(f"ended with {daemon.wait()}: {daemon.stderr()}")
-    return wrong, culprits
+    return wrong, culprits, not items
 
 
 def is_write_only(element):
