@@ -3,7 +3,7 @@
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_libraries=(libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev libdbus-1-dev systemd)
+build_libraries=(libglibmm-2.4-dev libjsoncpp-dev libsystemd-dev libdbus-1-dev libexpat1-dev systemd)
 build_packages=(g++ meson ninja-build pkgconf "${build_libraries[@]}")
 
 # as_root COMMAND...: runs a command as root, by sudo where needed.
