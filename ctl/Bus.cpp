@@ -29,8 +29,7 @@ void check(int result, const std::string& what) {
         throw Failure(what + ": " + std::generic_category().message(-result));
 }
 
-template <typename T>
-T read(sd_bus_message* message, char type) {
+template <typename T> T read(sd_bus_message* message, char type) {
     T value{};
     check(sd_bus_message_read_basic(message, type, &value), "cannot read the answer");
     return value;
@@ -41,10 +40,7 @@ Value realValue(double number) {
     return {text, std::isfinite(number) ? Json::Value(number) : Json::Value(text)};
 }
 
-template <typename T>
-Value integerValue(T number) {
-    return {std::to_string(number), Json::Value(number)};
-}
+template <typename T> Value integerValue(T number) { return {std::to_string(number), Json::Value(number)}; }
 
 /// Reads the content of a variant that has been entered.
 Value readValue(sd_bus_message* message, const std::string& signature) {
@@ -114,8 +110,7 @@ std::string explanation(const sd_bus_error& error) {
 
 } // namespace
 
-Bus::Bus(const Target& target)
-    : bus(open(target), &sd_bus_flush_close_unref), place(describe(target)) {}
+Bus::Bus(const Target& target) : bus(open(target), &sd_bus_flush_close_unref), place(describe(target)) {}
 
 void Bus::fail(int error, const std::string& what) const {
     const int number = -error;

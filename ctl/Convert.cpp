@@ -18,8 +18,7 @@ namespace {
 }
 
 /// The whole text has to be one number in decimal that fits.
-template <typename Number>
-Number number(const std::string& text) {
+template <typename Number> Number number(const std::string& text) {
     Number result{};
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, result);

@@ -105,7 +105,8 @@ public:
             return;
         }
         for (Item& item : items) {
-            const auto found = std::find_if(present.begin(), present.end(), [&](const Item& i) { return i.isSame(item); });
+            const auto found =
+                std::find_if(present.begin(), present.end(), [&](const Item& i) { return i.isSame(item); });
             Item now = item;
             now.value.reset();
             now.error = "is no longer there";

@@ -65,9 +65,11 @@ void checkNames(const Element& element) {
     if (g_dbus_is_interface_name(interface.c_str()) == FALSE)
         element.report(Kind::interfaceName, "interface", quoted(interface) + " is no valid interface name");
     if (g_dbus_is_member_name(entry.name.c_str()) == FALSE)
-        element.report(Kind::propertyName, "name", entry.name.empty() ? "is missing" : quoted(entry.name) + " is no valid property name");
+        element.report(Kind::propertyName, "name",
+                       entry.name.empty() ? "is missing" : quoted(entry.name) + " is no valid property name");
     if (!isSingleCompleteType(entry.type))
-        element.report(Kind::signature, "type", entry.type.empty() ? "is missing" : quoted(entry.type) + " is no valid type");
+        element.report(Kind::signature, "type",
+                       entry.type.empty() ? "is missing" : quoted(entry.type) + " is no valid type");
     else if (std::string_view("sbdiu").find(entry.type) == std::string_view::npos)
         element.report(Kind::answeredAsText, "type", "type " + quoted(entry.type));
 }

@@ -17,9 +17,9 @@ constexpr std::uint32_t longestFuses = (1U << 24U) - 1024;
 struct Element {
     const Document& document;
     const Json::Value& json;
-    std::size_t position;          ///< in the array, from 0
+    std::size_t position; ///< in the array, from 0
     std::vector<Finding>& findings;
-    ConfigEntry entry;             ///< as the daemon fills it, but for the content
+    ConfigEntry entry; ///< as the daemon fills it, but for the content
 
     /// Adds a finding about one of the element's keys, on the line of its value where it has one. An empty key
     /// stands for the element as a whole.

@@ -25,10 +25,10 @@ struct Key {
 };
 
 constexpr std::array keys{
-    Key{"name", Expected::text},     Key{"interface", Expected::text},    Key{"objectpath", Expected::text},
-    Key{"path", Expected::text},     Key{"location", Expected::text},     Key{"offset", Expected::textOrNumber},
-    Key{"length", Expected::number}, Key{"type", Expected::text},         Key{"read", Expected::flag},
-    Key{"write", Expected::flag},    Key{"signal", Expected::flag},       Key{"translate", Expected::object},
+    Key{"name", Expected::text},     Key{"interface", Expected::text}, Key{"objectpath", Expected::text},
+    Key{"path", Expected::text},     Key{"location", Expected::text},  Key{"offset", Expected::textOrNumber},
+    Key{"length", Expected::number}, Key{"type", Expected::text},      Key{"read", Expected::flag},
+    Key{"write", Expected::flag},    Key{"signal", Expected::flag},    Key{"translate", Expected::object},
 };
 
 std::string expectation(Expected expected) {
@@ -220,7 +220,8 @@ void checkFuses(const Element& element) {
 } // namespace
 
 void Element::report(Kind kind, const std::string& key, const std::string& reason) const {
-    const Json::Value* value = key.empty() || !json.isObject() ? nullptr : json.find(key.data(), key.data() + key.size());
+    const Json::Value* value =
+        key.empty() || !json.isObject() ? nullptr : json.find(key.data(), key.data() + key.size());
     Finding finding{};
     finding.kind = kind;
     finding.line = document.lineOf(value != nullptr ? *value : json);

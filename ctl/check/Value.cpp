@@ -77,9 +77,9 @@ std::optional<std::string> checkValueFile(const Element& element, const Options&
         if (!obstacle.empty())
             element.report(Kind::writeTarget, "path", "cannot create " + quoted(entry.path) + ": " + obstacle);
     }
-    const ValueFile file = isFuses ? ValueFile::readBytes(options.root, entry.path, entry.offset,
-                                                          std::max(entry.length, longestNumber))
-                                   : ValueFile::readLine(options.root, entry.path);
+    const ValueFile file =
+        isFuses ? ValueFile::readBytes(options.root, entry.path, entry.offset, std::max(entry.length, longestNumber))
+                : ValueFile::readLine(options.root, entry.path);
     if (file.isAtRuntimeOnly)
         return std::nullopt;
     if (!file.notRegular.empty()) {

@@ -16,11 +16,11 @@ bool isSkipped(char byte);
 struct ValueFile {
     static constexpr std::size_t limit = std::size_t{40} << 20U; ///< more than a bus message can carry
 
-    int error = 0;               ///< errno of the failure to find or read the file; 0: read
-    std::string notRegular;      ///< what the file is when reading it may block or never end
+    int error = 0;                ///< errno of the failure to find or read the file; 0: read
+    std::string notRegular;       ///< what the file is when reading it may block or never end
     bool isAtRuntimeOnly = false; ///< an image was asked for, and the path is on a board's virtual file systems
-    std::size_t start = 0;       ///< offset of `bytes` in the file
-    std::string bytes;           ///< up to the end of the file, of what the daemon reads, or to the limit
+    std::size_t start = 0;        ///< offset of `bytes` in the file
+    std::string bytes;            ///< up to the end of the file, of what the daemon reads, or to the limit
 
     /// Reads the first line, line feed included.
     static ValueFile readLine(const std::string& root, const std::string& path);

@@ -1,5 +1,5 @@
-#include "Introspection.h"
 #include "Item.h"
+#include "Introspection.h"
 #include "Table.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +11,13 @@ using ctl::Item;
 
 Item makeItem(const std::string& object, const std::string& interface, const std::string& name) {
     const std::string root = "/com/brenvok/Korvaneinfo1";
-    return {object.empty() ? root : root + "/" + object, "com.brenvok.Info1." + interface, name, "s", "read",
-            ctl::Value{"x", Json::Value("x")}, {}};
+    return {object.empty() ? root : root + "/" + object,
+            "com.brenvok.Info1." + interface,
+            name,
+            "s",
+            "read",
+            ctl::Value{"x", Json::Value("x")},
+            {}};
 }
 
 TEST(Item, ShortNamesLeaveOutWhatAllHaveInCommon) {

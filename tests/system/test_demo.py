@@ -43,6 +43,7 @@ def test_tour_shows_listing_reads_write_signal_and_journal(demo):
             "/com/brenvok/Korvaneinfo1/Eth1\n", '"5ac30091e7421d88"', 's "00:00:5e:00:53:10"\n', "d 1.00273\n",
             "(<uint32 2>,)\n", "asset-tag\nunassigned\n", "asset-tag\ngate-17\n", 's "gate-17"\n',
             "/com/brenvok/Korvaneinfo1: org.freedesktop.DBus.Properties.PropertiesChanged ()\n",
+            "Board       AssetTag         s    readwrite gate-17\n", "did you mean \"objectpath\"?", "[interface-differs]\n",
             "Name acquired: com.brenvok.korvaneinfod\n"):
         assert shown in output[position:], f"no {shown!r} from here on:\n{output[position:]}"
         position = output.index(shown, position) + len(shown)
@@ -59,6 +60,7 @@ def test_served_board_answers_the_lines_to_paste_until_the_demo_is_ended(demo):
     pasted = subprocess.run(["bash", "-e"], input="".join(lines), text=True, stdout=subprocess.PIPE, check=True,
                             timeout=TIMEOUT).stdout
     assert "'AssetTag': <'gate-17'>" in pasted
+    assert "readwrite gate-17\n" in pasted
     assert pasted.endswith("\ngate-17\n")
 
     process.terminate()
