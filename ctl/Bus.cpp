@@ -185,7 +185,8 @@ void Bus::collect(const std::string& path, std::vector<Item>& items) {
     std::vector<std::string> children = introspection.children;
     std::sort(children.begin(), children.end());
     for (const std::string& child : children) {
-        const std::string childPath = path + "/" + child;
+        std::string childPath = path;
+        childPath.append("/").append(child);
         if (childPath.size() <= longestPath && sd_bus_object_path_is_valid(childPath.c_str()) > 0)
             collect(childPath, items);
     }

@@ -35,15 +35,12 @@ std::string Item::shortInterface() const { return withoutPrefix(interface, std::
 std::string Item::shortName() const { return shortObject() + "/" + shortInterface() + "/" + name; }
 
 bool Item::isMeantBy(const std::string& wanted) const {
-    if (wanted == name)
-        return true;
-    for (const std::string& interfacePart : {std::string(), interface + "/", shortInterface() + "/"}) {
-        if (!interfacePart.empty() && wanted == interfacePart + name)
-            return true;
-        if (wanted == shortObject() + "/" + interfacePart + name || wanted == objectPath + "/" + interfacePart + name)
-            return true;
-    }
-    return false;
+    const auto isMeant = [&](const std::string& interfacePart) {
+        return (!interfacePart.empty() && wanted == interfacePart + name) ||
+               wanted == shortObject() + "/" + interfacePart + name ||
+               wanted == objectPath + "/" + interfacePart + name;
+    };
+    return wanted == name || isMeant("") || isMeant(interface + "/") || isMeant(shortInterface() + "/");
 }
 
 const Item& findItem(const std::vector<Item>& items, const std::string& wanted) {

@@ -79,6 +79,7 @@ public:
         if (watchesAll)
             return;
         std::vector<Item> named;
+        named.reserve(names.size());
         for (const std::string& name : names)
             named.push_back(findItem(items, name));
         items = named;

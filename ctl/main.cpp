@@ -53,7 +53,7 @@ void printUsage() {
 }
 
 /// Reads options, up to the command or to the end, as the list of short options says. Returns where it stopped.
-int parseOptions(int argc, char* argv[], const char* shortOptions, Arguments& arguments) {
+int parseOptions(int argc, char** argv, const char* shortOptions, Arguments& arguments) {
     enum : int { json = 256, noLegend, noAutostart, version };
     const std::array<option, 9> options{{
         {"host", required_argument, nullptr, 'H'},
@@ -102,7 +102,7 @@ int parseOptions(int argc, char* argv[], const char* shortOptions, Arguments& ar
 }
 
 /// Replaces this program by the checker, which lies beside it before it is installed.
-[[noreturn]] void execCheck(const Arguments& arguments, int argc, char* argv[]) {
+[[noreturn]] void execCheck(const Arguments& arguments, int argc, char** argv) {
     std::array<char, PATH_MAX> self{};
     const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
     const std::string folder = length > 0 ? std::string(self.data()) : "";
@@ -120,7 +120,7 @@ int parseOptions(int argc, char* argv[], const char* shortOptions, Arguments& ar
     throw ctl::Failure("cannot run " + program + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
 }
 
-Arguments parse(int argc, char* argv[]) {
+Arguments parse(int argc, char** argv) {
     Arguments arguments;
     const int command = parseOptions(argc, argv, "+H:M:lh", arguments);
     if (command == argc) {

@@ -31,7 +31,7 @@ void printUsage(std::ostream& out) {
 }
 
 /// Returns false when the command line is wrong; it has been complained of then.
-bool parse(int argc, char* argv[], Arguments& arguments) {
+bool parse(int argc, char** argv, Arguments& arguments) {
     enum : int { json = 256, werror, rootFolder, noValues };
     const std::array<option, 6> options{{
         {"json", no_argument, nullptr, json},

@@ -31,7 +31,7 @@ TEST(Item, ShortNamesLeaveOutWhatAllHaveInCommon) {
 TEST(FindItem, TheLongestShortNameIsNeverAmbiguous) {
     // The first item's name is also the second one's without its interface.
     const std::vector<Item> items{makeItem("a", "b", "X"), makeItem("a/b", "c", "X")};
-    EXPECT_EQ(&ctl::findItem(items, "a/b/X"), &items[0]);
+    EXPECT_EQ(&ctl::findItem(items, "a/b/X"), items.data());
     EXPECT_EQ(&ctl::findItem(items, "a/b/c/X"), &items[1]);
     EXPECT_THROW(ctl::findItem(items, "X"), ctl::Failure);
     EXPECT_THROW(ctl::findItem(items, "b/c"), ctl::Failure);
