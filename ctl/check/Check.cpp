@@ -4,6 +4,7 @@
 #include "Value.h"
 #include "dbus/DBusServices.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <map>
@@ -18,8 +19,8 @@ namespace {
 struct PublishedObject {
     std::size_t firstElement;
     std::string interface;
-    std::map<std::string, std::size_t> properties; ///< element by name
-    std::size_t size = 0;                          ///< of all readable values, in bytes
+    std::map<std::string, Finding> properties; ///< by name: the finding that is made when there is a second one
+    std::size_t size = 0;                      ///< of all readable values, in bytes
 };
 
 using PublishedObjects = std::map<std::string, PublishedObject>;
@@ -84,10 +85,16 @@ void checkNeighbours(const Element& element, PublishedObjects& objects) {
         element.report(Kind::interfaceDiffers, "interface",
                        quoted(entry.interface) + " differs from " + quoted(object.interface) + " of element " +
                            std::to_string(object.firstElement) + ", the first one on this object path");
-    const auto [property, isNewName] = object.properties.try_emplace(entry.name, element.position);
-    if (!isNewName)
-        element.report(Kind::duplicateItem, "name",
-                       "element " + std::to_string(property->second) + " has the same object path and name");
+    const std::string sameAs = " has the same object path and name";
+    const auto [property, isNewName] =
+        object.properties.try_emplace(entry.name, element.finding(Kind::duplicateItem, "name", ""));
+    if (isNewName)
+        return;
+    // Both are at fault: the bus library goes by the last declaration, and the daemon by the first entry.
+    Finding earlier = property->second;
+    earlier.reason = "element " + std::to_string(element.position) + sameAs;
+    element.findings.push_back(earlier);
+    element.report(Kind::duplicateItem, "name", "element " + std::to_string(*earlier.element) + sameAs);
 }
 
 /// Reports a value with which the answer to a client that asks for all properties of the object gets longer than a
@@ -137,6 +144,8 @@ std::vector<Finding> checkText(const std::string& file, const std::string& text,
             checkElement(element, options, objects);
         }
     }
+    std::stable_sort(findings.begin(), findings.end(),
+                     [](const Finding& one, const Finding& other) { return one.element < other.element; });
     for (Finding& finding : findings) {
         finding.file = file;
         finding.severity = kindInfo(finding.kind).severity;

@@ -21,8 +21,11 @@ struct Element {
     std::vector<Finding>& findings;
     ConfigEntry entry; ///< as the daemon fills it, but for the content
 
-    /// Adds a finding about one of the element's keys, on the line of its value where it has one. An empty key
+    /// Makes a finding about one of the element's keys, on the line of its value where it has one. An empty key
     /// stands for the element as a whole.
+    Finding finding(Kind kind, const std::string& key, const std::string& reason) const;
+
+    /// Makes such a finding and adds it to the others.
     void report(Kind kind, const std::string& key, const std::string& reason) const;
 
     /// Whether the daemon lets clients read the item.

@@ -34,7 +34,7 @@ constexpr std::array kinds{
     KindInfo{Kind::signature, "signature", error, R"(write one complete D-Bus type such as "s", "u" or "b")"},
     KindInfo{Kind::interfaceDiffers, "interface-differs", error,
              "give all items of an object path the same interface, clients cannot reach this one"},
-    KindInfo{Kind::duplicateItem, "duplicate-item", error, "rename or remove one of them, the first one answers"},
+    KindInfo{Kind::duplicateItem, "duplicate-item", error, "rename or remove one of them, clients cannot tell them apart"},
     KindInfo{Kind::valueNumber, "value-number", error,
              R"(correct the value or use type "s", the daemon ends when a client reads the item)"},
     KindInfo{Kind::valueEncoding, "value-encoding", error,

@@ -219,17 +219,21 @@ void checkFuses(const Element& element) {
 
 } // namespace
 
-void Element::report(Kind kind, const std::string& key, const std::string& reason) const {
+Finding Element::finding(Kind kind, const std::string& key, const std::string& reason) const {
     const Json::Value* value =
         key.empty() || !json.isObject() ? nullptr : json.find(key.data(), key.data() + key.size());
-    Finding finding{};
-    finding.kind = kind;
-    finding.line = document.lineOf(value != nullptr ? *value : json);
-    finding.element = position;
-    finding.name = entry.name;
-    finding.key = key;
-    finding.reason = reason;
-    findings.push_back(finding);
+    Finding result{};
+    result.kind = kind;
+    result.line = document.lineOf(value != nullptr ? *value : json);
+    result.element = position;
+    result.name = entry.name;
+    result.key = key;
+    result.reason = reason;
+    return result;
+}
+
+void Element::report(Kind kind, const std::string& key, const std::string& reason) const {
+    findings.push_back(finding(kind, key, reason));
 }
 
 bool Element::isReadable() const { return entry.isRead || !entry.isWrite; }

@@ -121,8 +121,9 @@ CASES = [
         "this object path; give all items of an object path the same interface, clients cannot reach this one "
         "[interface-differs]"]),
     ([item(), item()], [
-        "3: error: element 1 \"Serial\": \"name\": element 0 has the same object path and name; "
-        "rename or remove one of them, the first one answers [duplicate-item]"]),
+        f"{line}: error: element {one} \"Serial\": \"name\": element {other} has the same object path and name; "
+        "rename or remove one of them, clients cannot tell them apart [duplicate-item]"
+        for line, one, other in [(2, 0, 1), (3, 1, 0)]]),
     # Values.
     ([item(type="i"), item(name="U", type="u", path="/VALUES/big"), item(name="D", type="d", path="/VALUES/small"),
       item(name="E", type="d", path="/VALUES/huge")], [

@@ -10,7 +10,7 @@ import termios
 
 import pytest
 
-from testbed import BUS_CONFIG, INTERFACE, ROOT, TIMEOUT, Bus, Signals, TestBed
+from testbed import INTERFACE, ROOT, TIMEOUT, Signals
 
 
 def board(bed):
@@ -42,6 +42,12 @@ def served(bed):
     """A test bed whose daemon serves the board."""
     bed.start(board(bed))
     return bed
+
+
+@pytest.fixture
+def activated(activatable):
+    """A test bed whose bus starts the daemon for the board when somebody asks for it."""
+    return activatable(board)
 
 
 def environment(bed, **changes):
@@ -272,25 +278,10 @@ def test_help_and_version(bed):
     assert output_of(bed, "--version").startswith("korvaneinfoctl ")
 
 
-def test_reading_starts_the_daemon_by_activation(tmp_path):
-    services = tmp_path / "services"
-    services.mkdir()
-    with open(BUS_CONFIG, encoding="utf-8") as file:
-        config = file.read().replace("</busconfig>", f"<servicedir>{services}</servicedir></busconfig>")
-    (tmp_path / "bus.conf").write_text(config)
-    bed = TestBed.__new__(TestBed)
-    bed.directory, bed.daemons, bed.bus = str(tmp_path), [], Bus(str(tmp_path), str(tmp_path / "bus.conf"))
-    try:
-        configuration = bed.configuration(board(bed))
-        (services / "korvaneinfod.service").write_text(
-            f"[D-BUS Service]\nName=com.brenvok.korvaneinfod\nUser=root\n"
-            f"Exec={os.environ['KORVANEINFOD']} -c {configuration}\n")
-        bed.bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReloadConfig")
-        assert complaint_of(bed, "--no-autostart").startswith("the daemon is not running (")
-        assert output_of(bed, "get", "Count") == "42\n"
-        assert output_of(bed, "--no-autostart", "get", "Count") == "42\n"
-    finally:
-        bed.bus.stop()  # and with the bus, the daemon
+def test_reading_starts_the_daemon_by_activation(activated):
+    assert complaint_of(activated, "--no-autostart").startswith("the daemon is not running (")
+    assert output_of(activated, "get", "Count") == "42\n"
+    assert output_of(activated, "--no-autostart", "get", "Count") == "42\n"
 
 
 def test_other_host_is_asked_over_ssh(served, tmp_path):

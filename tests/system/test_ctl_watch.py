@@ -195,6 +195,16 @@ def test_daemon_that_ends_over_a_value_is_told(bed, watch):
     assert watcher.end() == (0, "", "")
 
 
+def test_daemon_is_not_started_again_by_who_watches(activatable):
+    bed = activatable(lambda bed: [{**board(bed)[0], "type": "u"}, board(bed)[1]])
+    watcher = Watcher(bed)  # starts it
+    bed.set(ROOT, f"{INTERFACE}.Board", "Count", GLib.Variant("u", 3000000000))
+    assert watcher.complaint().startswith("/Board/Count: the daemon has ended or does not answer, ")
+    assert watcher.complaint().startswith("/Board/Label: the daemon is not running ")
+    assert watcher.complaint() == "the daemon has stopped"
+    assert watcher.end() == (0, "", "")
+
+
 def test_end_of_the_bus_ends_it(bed, watch):
     bed.start(board(bed))
     watcher = watch()
