@@ -1,8 +1,9 @@
+import os
 import tempfile
 
 import pytest
 
-from testbed import TestBed
+from testbed import BUS_CONFIG, BUS_NAME, Bus, TestBed
 
 
 @pytest.fixture
@@ -14,6 +15,25 @@ def bed(request):
     if report is not None and report.failed:
         report.sections.append(("daemons", test_bed.report()))
     test_bed.close()
+
+
+@pytest.fixture
+def activatable(bed):
+    """Gives the test bed a bus that starts the daemon when somebody asks for it, for the elements that a function
+    makes for the test bed."""
+    def start(elements_for):
+        services = os.path.join(bed.directory, "services")
+        os.mkdir(services)
+        with open(BUS_CONFIG, encoding="utf-8") as file:
+            config = file.read().replace("</busconfig>", f"<servicedir>{services}</servicedir></busconfig>")
+        bed.file("services/korvaneinfod.service",
+                 f"[D-BUS Service]\nName={BUS_NAME}\nUser=root\n"
+                 f"Exec={os.environ['KORVANEINFOD']} -c {bed.configuration(elements_for(bed))}\n")
+        bed.bus.stop()
+        os.remove(os.path.join(bed.directory, "bus"))
+        bed.bus = Bus(bed.directory, bed.file("bus.conf", config))
+        return bed
+    return start
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -195,9 +195,10 @@ def test_daemon_that_ends_over_a_value_is_told(bed, watch):
     assert watcher.end() == (0, "", "")
 
 
-def test_daemon_is_not_started_again_by_who_watches(activatable):
+def test_daemon_is_not_started_again_by_who_watches(activatable, watch):
     bed = activatable(lambda bed: [{**board(bed)[0], "type": "u"}, board(bed)[1]])
-    watcher = Watcher(bed)  # starts it
+    watcher = watch()  # which starts it
+    assert watcher.complaint() == "the daemon has started"
     bed.set(ROOT, f"{INTERFACE}.Board", "Count", GLib.Variant("u", 3000000000))
     assert watcher.complaint().startswith("/Board/Count: the daemon has ended or does not answer, ")
     assert watcher.complaint().startswith("/Board/Label: the daemon is not running ")
