@@ -8,6 +8,7 @@ answered for when the Get was sent, and at most the last one sent when its reply
 import argparse
 import os
 import random
+import statistics
 import sys
 import tempfile
 import time
@@ -256,9 +257,10 @@ class Soak:
         return time.monotonic() - begin
 
     def growth(self):
-        """Returns by how many bytes of private memory the last fifth of the run is above the second fifth, peak to
-        peak. The first fifth is for warming up."""
-        return max(memory for _, memory in self.samples[16:]) - max(memory for _, memory in self.samples[4:8])
+        """Returns by how many bytes of private memory the last fifth of the run is above the second fifth, median to
+        median. The first fifth is for warming up."""
+        memory = [memory for _, memory in self.samples]
+        return statistics.median(memory[16:]) - statistics.median(memory[4:8])
 
     def last_values(self):
         """Checks that what is in the files and what is answered now is one of what was set last."""

@@ -156,8 +156,9 @@ def troubles(bed, document, elements):
         if not daemon.wait_for_name(bed.bus):
             return [f"ended with {daemon.wait()} at start: {daemon.stderr()}"], set()
         wrong, culprits, is_empty = read_everything(bed, daemon, elements)
-        # It may own its name for a moment before it gives up; without items nothing else would tell.
-        if (wrong or is_empty) and any(text == "Registration failed" for *_, text in daemon.journal()):
+        # It may own its name for a moment before it gives up, and the bus library may describe some items by itself.
+        # A refused registration is complained of on standard error.
+        if (wrong or is_empty or daemon.stderr()) and any(text == "Registration failed" for *_, text in daemon.journal()):
             return [f"ended with {daemon.wait()} at start: {daemon.stderr()}"], set()
         return wrong, culprits
     finally:

@@ -3,8 +3,8 @@
 from soak import Soak
 
 REQUESTS = 20000
-# A leak of 20 bytes in each request would show; what the C library keeps for later comes and goes in this order.
-ALLOWED_GROWTH = 192 * 1024
+# A leak of 33 bytes in each request would show; what the C library keeps for later comes and goes in this order.
+ALLOWED_GROWTH = 384 * 1024
 
 
 def test_many_clients_get_every_reply_and_leave_nothing_behind(bed):
