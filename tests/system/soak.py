@@ -272,10 +272,11 @@ class Soak:
 
 
 def private_memory(daemon):
-    """Returns the bytes of memory that only this process uses."""
+    """Returns the bytes of memory that this process has written. Pages of libraries that it only reads count or not,
+    as other processes come and go that use them, too."""
     with open(f"/proc/{daemon.process.pid}/smaps_rollup", encoding="ascii") as file:
         fields = dict(line.split(":", 1) for line in file.read().splitlines()[1:])
-    return sum(int(fields[key].split()[0]) * 1024 for key in ("Private_Clean", "Private_Dirty"))
+    return int(fields["Private_Dirty"].split()[0]) * 1024
 
 
 def open_descriptors(daemon):
