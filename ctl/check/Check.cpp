@@ -148,6 +148,7 @@ std::vector<Finding> checkText(const std::string& file, const std::string& text,
                      [](const Finding& one, const Finding& other) { return one.element < other.element; });
     for (Finding& finding : findings) {
         finding.file = file;
+        finding.reason = printable(finding.reason); // the libraries' messages quote the file as it is
         finding.severity = kindInfo(finding.kind).severity;
     }
     return findings;

@@ -45,8 +45,10 @@ void findSwallowed(Kind kind, const char* setting, const std::string& text, std:
 } // namespace
 
 Document::Document(const std::string& text, std::vector<Finding>& findings) {
-    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1))
-        lineEnds.push_back(at);
+    // As the library counts lines in its own complaints: a carriage return alone ends one, too.
+    for (std::size_t at = text.find_first_of("\r\n"); at != std::string::npos; at = text.find_first_of("\r\n", at + 1))
+        if (text.compare(at, 2, "\r\n") != 0)
+            lineEnds.push_back(at);
     if (auto finding = parse(Json::CharReaderBuilder(), text, rootValue)) {
         finding->kind = Kind::syntax;
         findings.push_back(*finding);

@@ -27,7 +27,7 @@ public:
 private:
     Json::Value rootValue;
     bool valid = false;
-    std::vector<std::size_t> lineEnds; ///< offsets of the line feeds
+    std::vector<std::size_t> lineEnds; ///< offsets of the last bytes of the line ends
 };
 
 /// Returns the name of a value's JSON type, with an article.

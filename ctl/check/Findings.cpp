@@ -85,6 +85,8 @@ static_assert(inOrder());
 
 const char* severityText(const Finding& finding) { return finding.severity == error ? "error" : "warning"; }
 
+} // namespace
+
 std::string printable(const std::string& text) {
     static constexpr std::array digits{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
     const gchar* invalid = nullptr;
@@ -102,8 +104,6 @@ std::string printable(const std::string& text) {
     }
     return result;
 }
-
-} // namespace
 
 const KindInfo& kindInfo(Kind kind) { return kinds[static_cast<std::size_t>(kind)]; }
 

@@ -79,6 +79,9 @@ struct Finding {
     Severity severity = Severity::error;
 };
 
+/// Returns a text with control characters and everything but UTF-8 escaped.
+std::string printable(const std::string& text);
+
 /// Returns a text in double quotes, with control characters and everything but UTF-8 escaped.
 std::string quoted(const std::string& text);
 

@@ -267,6 +267,24 @@ def test_every_kind_has_a_case():
     assert kinds - tested == {"unreadable-file"}  # below
 
 
+def test_lines_end_at_carriage_returns_too(tmp_path):
+    def places(text):
+        tmp_path.joinpath("lines").write_bytes(text)
+        return [(finding["kind"], finding["line"]) for finding in findings_of(tmp_path / "lines")]
+    assert places(b"[\r{\"name\" 5}]") == [("syntax", 2)]
+    assert places(b"[\r\n\r{\"length\": -1},\r\n5]") == [("wrong-type", 3), ("element-type", 4)]
+
+
+def test_message_of_a_library_is_one_line_of_utf8(tmp_path):
+    for text, start in [(b"[{\"name\": \"\xe4\"}]",
+                         "1: error: element 0 \"\\xe4\": breaks the introspection document: "),
+                        (b"[{\"\xe4\": 1,\n\"\xe4\": 2}]", "2:1: warning: Duplicate key: '\\xe4'; ")]:
+        tmp_path.joinpath("bytes").write_bytes(text)
+        _, output, _ = run_check("bytes", cwd=tmp_path)
+        found = [line for line in output.splitlines() if line.startswith("bytes:" + start)]
+        assert len(found) == 1 and "\ufffd" not in output, output
+
+
 def test_file_that_cannot_be_read(tmp_path):
     for file, reason in [("missing", "No such file or directory"), (".", "Is a directory")]:
         status, output, _ = run_check(file, cwd=tmp_path)

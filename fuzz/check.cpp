@@ -1,0 +1,155 @@
+// Any configuration text with a value file through the checker, against what the daemon's own code then does with them.
+// The input is that of the target "configuration".
+
+#include "Check.h"
+#include "ConfigFileParser.h"
+#include "Fuzz.h"
+#include "JournalCapture.h"
+#include "dbus/DBusServices.h"
+
+#include <algorithm>
+#include <gio/gio.h>
+#include <json/json.h>
+#include <memory>
+#include <sstream>
+#include <string_view>
+
+namespace {
+
+using check::Kind;
+
+constexpr int valueDescriptor = 100;
+constexpr int configurationDescriptor = 101;
+constexpr double longestValue = 4096; ///< longer ones are read as well, but only slowly
+
+struct Result {
+    std::vector<check::Finding> findings;
+
+    bool has(Kind kind) const {
+        return std::any_of(findings.begin(), findings.end(), [=](const auto& finding) { return finding.kind == kind; });
+    }
+    bool has(Kind kind, std::size_t element) const {
+        return std::any_of(findings.begin(), findings.end(),
+                           [=](const auto& finding) { return finding.kind == kind && finding.element == element; });
+    }
+    bool hasError() const {
+        return std::any_of(findings.begin(), findings.end(),
+                           [](const auto& finding) { return finding.severity == check::Severity::error; });
+    }
+};
+
+/// Files other than the value file could be terminals or devices, and a length of gigabytes takes minutes.
+bool isHarmless(const Json::Value& element, const std::string& valuePath) {
+    if (!element.isObject())
+        return true;
+    const Json::Value& path = element["path"];
+    const Json::Value& length = element["length"];
+    return (!path.isString() || path.asString() == valuePath || path.asString().find('/') == std::string::npos) &&
+           (!length.isNumeric() || length.asDouble() <= longestValue);
+}
+
+/// Whether the daemon's parser takes the text for JSON.
+bool readDocument(const std::string& text, Json::Value& root) {
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
+    } catch (const Json::Exception&) { // nested too deeply
+        return false;
+    }
+}
+
+bool parseRaises(const std::string& file) {
+    try {
+        ConfigFileParser::getInstance()->parseData(file);
+        return false;
+    } catch (const Json::Exception&) {
+        return true;
+    }
+}
+
+bool isIntrospectionRefused() {
+    std::string xml;
+    dbus::DBusServices::generateXMLFile(xml);
+    try {
+        Gio::DBus::NodeInfo::create_for_xml(xml);
+        return false;
+    } catch (const Glib::Error&) {
+        return true;
+    }
+}
+
+/// Whether a Get of the entry ends the daemon.
+bool answerRaises(const ConfigEntry& entry) {
+    const bool isString = entry.type.empty() || std::string_view("bdiu").find(entry.type.front()) == std::string::npos;
+    if (isString && g_utf8_validate(entry.content.c_str(), -1, nullptr) == FALSE)
+        return true; // GLib would complain of it
+    try {
+        dbus::DBusServices::contentToVariant(entry.type, entry.content);
+        return false;
+    } catch (const std::logic_error&) {
+        return true;
+    }
+}
+
+/// Both ways to print the findings show each of them once.
+void requireOutput(const std::vector<check::Finding>& findings) {
+    std::ostringstream text;
+    check::writeText(text, findings);
+    const std::string lines = text.str();
+    fuzz::require(std::count(lines.begin(), lines.end(), '\n') == static_cast<std::ptrdiff_t>(findings.size()) &&
+                      g_utf8_validate_len(lines.data(), lines.size(), nullptr),
+                  "every finding is a line of text");
+    std::ostringstream json;
+    check::writeJson(json, findings);
+    Json::Value array;
+    fuzz::require(readDocument(json.str(), array) && array.isArray() && array.size() == findings.size(),
+                  "every finding is an element of the JSON array");
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const fuzz::MemoryFile valueFile(valueDescriptor);
+    static const fuzz::MemoryFile configuration(configurationDescriptor);
+    static const std::string separator = "\n---\n";
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    const std::size_t end = input.find(separator);
+    const std::string text = input.substr(0, end);
+
+    Json::Value document;
+    const bool isJson = readDocument(text, document);
+    const Json::Value root = document;
+    if (root.isArray() &&
+        !std::all_of(root.begin(), root.end(), [](const auto& e) { return isHarmless(e, valueFile.path()); }))
+        return 0;
+    configuration.write(text);
+    valueFile.write(end == std::string::npos ? "" : input.substr(end + separator.size()));
+
+    const Result result{check::checkText("file", text, {})};
+    fuzz::require(result.has(Kind::syntax) == !isJson, "a syntax error is what the daemon's parser refuses");
+    const auto lines = 1 + static_cast<std::size_t>(
+                               std::count_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }));
+    for (const check::Finding& finding : result.findings)
+        fuzz::require(finding.line <= lines && (finding.line > 0 || finding.kind == Kind::syntax) &&
+                          (!finding.element || *finding.element < root.size()),
+                      "a finding is about a place in the text");
+    requireOutput(result.findings);
+
+    const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
+    ConfigFileParser::getInstance()->entries.clear();
+    const bool raises = parseRaises(configuration.path());
+    if (isJson) {
+        fuzz::require(raises ==
+                          (result.has(Kind::topLevel) || result.has(Kind::elementType) || result.has(Kind::wrongType)),
+                      "an error tells of each type over which the daemon ends, and of no other");
+        fuzz::require(raises || result.hasError() || !isIntrospectionRefused(),
+                      "without an error the introspection document is accepted");
+        for (std::size_t i = 0; i < entries.size(); ++i)
+            if (entries[i].isRead || !entries[i].isWrite)
+                fuzz::require(answerRaises(entries[i]) ==
+                                  (result.has(Kind::valueNumber, i) || result.has(Kind::valueEncoding, i)),
+                              "an error tells of each value that cannot be read, and of no other");
+    }
+    journal::take();
+    return 0;
+}
