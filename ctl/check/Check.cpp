@@ -65,6 +65,11 @@ void checkNames(const Element& element) {
     const std::string interface = dbus::DBusServices::interfaceBaseName.raw() + "." + entry.interface;
     if (g_dbus_is_interface_name(interface.c_str()) == FALSE)
         element.report(Kind::interfaceName, "interface", quoted(interface) + " is no valid interface name");
+    if (entry.objectPath.find(dbus::DBusServices::rootObjectPath.raw().substr(1)) != std::string::npos)
+        element.report(Kind::repeatedBase, "objectpath", quoted(entry.objectPath) + " is published as " + quoted(path));
+    if (entry.interface.find(dbus::DBusServices::interfaceBaseName.raw()) != std::string::npos)
+        element.report(Kind::repeatedBase, "interface",
+                       quoted(entry.interface) + " is published as " + quoted(interface));
     if (g_dbus_is_member_name(entry.name.c_str()) == FALSE)
         element.report(Kind::propertyName, "name",
                        entry.name.empty() ? "is missing" : quoted(entry.name) + " is no valid property name");

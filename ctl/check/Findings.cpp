@@ -45,6 +45,7 @@ constexpr std::array kinds{
     KindInfo{Kind::valuePart, "value-part", warning, R"(correct the value or use type "s")"},
     KindInfo{Kind::valueNul, "value-nul", warning, "remove the NUL, clients see only the text before it"},
     KindInfo{Kind::valueBoolean, "value-boolean", warning, R"(only the text "true" is published as true)"},
+    KindInfo{Kind::repeatedBase, "repeated-base", warning, "write only what comes behind the daemon's own name"},
     KindInfo{Kind::answeredAsText, "answered-as-text", warning,
              R"(use "s", or "b", "d", "i" or "u", clients get a string for every other type)"},
     KindInfo{Kind::noAccess, "no-access", warning, R"(set "read" or "write", it is published as readable)"},

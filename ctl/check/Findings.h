@@ -35,6 +35,7 @@ enum class Kind {
     valuePart,
     valueNul,
     valueBoolean,
+    repeatedBase,
     answeredAsText,
     noAccess,
     writableFuses,

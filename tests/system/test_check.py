@@ -22,6 +22,7 @@ VALUES = {"text": b"abc\n", "number": b"42\n", "negative": b"-1\n", "hex": b"0x1
           "fuse": bytes(range(0x80, 0x90)), "blanks": b"\x80 \t\x81\x82\x83\x84\x85\x86\x87\x88"}
 
 DATA_END = ("use \"s\", or \"b\", \"d\", \"i\" or \"u\", clients get a string for every other type [answered-as-text]")
+BASE_END = "write only what comes behind the daemon's own name [repeated-base]"
 NAMES = "use letters, digits and underscores"
 SIGNATURE_END = "write one complete D-Bus type such as \"s\", \"u\" or \"b\" [signature]"
 NUMBER_END = "correct the value or use type \"s\", the daemon ends when a client reads the item [value-number]"
@@ -124,6 +125,11 @@ CASES = [
         f"{line}: error: element {one} \"Serial\": \"name\": element {other} has the same object path and name; "
         "rename or remove one of them, clients cannot tell them apart [duplicate-item]"
         for line, one, other in [(2, 0, 1), (3, 1, 0)]]),
+    ([item(interface="com.brenvok.Info1.Board"), item(objectpath="com/brenvok/Korvaneinfo1/Eth0", interface="Net")], [
+        "2: warning: element 0 \"Serial\": \"interface\": \"com.brenvok.Info1.Board\" is published as "
+        f"\"com.brenvok.Info1.com.brenvok.Info1.Board\"; {BASE_END}",
+        "3: warning: element 1 \"Serial\": \"objectpath\": \"com/brenvok/Korvaneinfo1/Eth0\" is published as "
+        f"\"/com/brenvok/Korvaneinfo1/com/brenvok/Korvaneinfo1/Eth0\"; {BASE_END}"]),
     # Values.
     ([item(type="i"), item(name="U", type="u", path="/VALUES/big"), item(name="D", type="d", path="/VALUES/small"),
       item(name="E", type="d", path="/VALUES/huge")], [
