@@ -117,7 +117,7 @@ TEST_F(ShortFuse, EveryOffsetIsReachedByWords) {
     std::string bytes;
     for (char byte = 0; byte < 16; ++byte)
         bytes += byte;
-    for (int offset = 0; offset < 16; ++offset) {
+    for (std::int64_t offset = 0; offset < 16; ++offset) {
         seek_log::take();
         EXPECT_EQ(read(bytes, fuses(std::to_string(offset), 1)), std::to_string(offset));
         EXPECT_EQ(seek_log::take(), std::vector<std::int64_t>{offset / 4 * 4});
