@@ -16,7 +16,7 @@ constexpr std::size_t longestPath = 4096;
 
 /// Frees what a D-Bus error holds.
 struct Error : sd_bus_error {
-    Error() : sd_bus_error(SD_BUS_ERROR_NULL) {}
+    Error() : sd_bus_error{nullptr, nullptr, 0} {}
     ~Error() { sd_bus_error_free(this); }
     Error(const Error&) = delete;
     Error& operator=(const Error&) = delete;

@@ -12,7 +12,7 @@ namespace ctl {
 
 namespace {
 
-constexpr const char* indentation = "  ";
+constexpr const char* indented = "  ";
 
 bool isTerminal() { return isatty(STDOUT_FILENO) == 1; }
 
@@ -40,7 +40,7 @@ void printItems(const std::vector<Item>& items) {
     Json::Value array(Json::arrayValue);
     for (const Item& item : items)
         array.append(toJson(item));
-    printJson(array, indentation);
+    printJson(array, indented);
 }
 
 } // namespace
