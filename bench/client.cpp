@@ -1,8 +1,9 @@
 // Measures services that publish the same items, each on a bus of its own. The calls go round the services in turn, so
 // that whatever the machine does meanwhile meets all of them.
 //
-// bench-client compare ENTRIES STARTS ROUNDS CALLS SERVICE...
-//     prints a line "MEASURE SERVICE ROUND VALUE" for each figure; times in nanoseconds, memory in bytes
+// bench-client starts ROUNDS SERVICE...
+// bench-client compare ENTRIES ROUNDS CALLS SERVICE...
+//     print a line "MEASURE SERVICE ROUND VALUE" for each figure; times in nanoseconds, memory in bytes
 // bench-client request MEASURE ENTRIES TIMES SERVICE
 //     only makes the calls, for a service under a profiler
 //
@@ -288,21 +289,17 @@ void printMemory(const Services& services, const std::string& when) {
     }
 }
 
-void compare(const Services& all, unsigned entries, unsigned starts, unsigned rounds, unsigned calls) {
-    compareStarts(all, starts);
-    Services serving;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(serving),
-                 [](const Service* one) { return one->bus != nullptr; });
-    for (Service* service : serving)
+void compare(const Services& services, unsigned entries, unsigned rounds, unsigned calls) {
+    for (Service* service : services)
         service->start();
-    printMemory(serving, "idle");
+    printMemory(services, "idle");
     for (unsigned round = 0; round < rounds; ++round) {
-        compareRequests(serving, "get", entries, round, calls);
-        compareRequests(serving, "getall", entries, round, std::max(1U, calls / 10));
-        compareRequests(serving, "set", entries, round, calls);
-        compareRequests(serving, "inflight", entries, round, std::max(1U, calls / 20));
+        compareRequests(services, "get", entries, round, calls);
+        compareRequests(services, "getall", entries, round, std::max(1U, calls / 10));
+        compareRequests(services, "set", entries, round, calls);
+        compareRequests(services, "inflight", entries, round, std::max(1U, calls / 20));
     }
-    printMemory(serving, "served");
+    printMemory(services, "served");
 }
 
 void makeRequests(const std::string& measure, unsigned entries, unsigned times, Service& service) {
@@ -339,8 +336,10 @@ void run(const std::vector<char*>& arguments) {
     for (const auto& service : owned)
         services.push_back(service.get());
     const std::string_view mode = arguments.size() > 5 ? arguments[1] : "";
-    if (mode == "compare")
-        compare(services, number(arguments[2]), number(arguments[3]), number(arguments[4]), number(arguments[5]));
+    if (mode == "starts")
+        compareStarts(services, number(arguments[2]));
+    else if (mode == "compare")
+        compare(services, number(arguments[2]), number(arguments[3]), number(arguments[4]));
     else if (mode == "request" && services.size() == 1)
         makeRequests(arguments[2], number(arguments[3]), number(arguments[4]), *services.front());
     else

@@ -49,9 +49,9 @@ def fail(document, message):
     sys.exit(f"{document}: {message}")
 
 
-def ratios(figures, measure, peer):
-    """Returns (median, lower quartile, upper quartile) over the rounds of the daemon's figure divided by the peer's."""
-    rounds = [own / other for own, other in zip(figures[measure]["korvaneinfod"], figures[measure][peer])]
+def ratios(figures, measure, peer, service="korvaneinfod"):
+    """Returns (median, lower quartile, upper quartile) over the rounds of a service's figure divided by the peer's."""
+    rounds = [own / other for own, other in zip(figures[measure][service], figures[measure][peer])]
     if len(rounds) == 1:
         return rounds * 3
     lower, median, upper = statistics.quantiles(rounds, n=4, method="inclusive")
@@ -109,13 +109,16 @@ def ratio_block(results, peer):
     return table(["entries", *results["figures"]], rows)
 
 
-def bare_block(results):
-    """Shows the start beside the bare loop."""
+def start_block(results):
+    """Shows the start beside what it cannot do without."""
     rows = [[entries, str(results["messages"][entries]),
-             show_amount("start", statistics.median(figures["start"]["korvaneinfod"])),
-             show_amount("start", statistics.median(figures["start"]["bare"])),
-             show_ratio(ratios(figures, "start", "bare"))] for entries, figures in results["figures"].items()]
-    return table(["entries", "journal messages", "korvaneinfod", "bare loop", "ratio"], rows)
+             *(show_amount("start", statistics.median(figures["start"][service]))
+               for service in ("korvaneinfod", "giomm", "bare")),
+             *(show_ratio(ratios(figures, "start", peer)) for peer in ("giomm", "bare")),
+             show_ratio(ratios(figures, "start", "gdbus", "giomm"))]
+            for entries, figures in results["figures"].items()]
+    return table(["entries", "journal messages", "korvaneinfod", "least on giomm", "bare loop", "to the least",
+                  "to the bare loop", "least to the GDBus constant"], rows)
 
 
 def absolute_block(results):
@@ -175,7 +178,7 @@ BLOCKS = {
     "targets": targets_block,
     "gdbus": lambda results: ratio_block(results, "gdbus"),
     "sdbus": lambda results: ratio_block(results, "sdbus"),
-    "bare": bare_block,
+    "start": start_block,
     "absolute": absolute_block,
     "size": size_block,
     "instructions": instructions_block,

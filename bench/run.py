@@ -44,6 +44,7 @@ class Bench:
             "gdbus": [self.program("gdbus-constant"), str(entries)],
             "sdbus": [self.program("sdbus-constant"), str(entries)],
             "bare": [self.program("bare-start"), f"{WORK}/{entries}/record"],
+            "giomm": [self.program("giomm-start"), str(entries), f"{WORK}/{entries}/record"],
         }[name]
         return [name, "-" if name == "bare" else self.bus(name), *command]
 
@@ -89,7 +90,7 @@ def write_configuration(entries):
 
 
 def record_start(bench, entries):
-    """Starts the daemon once and writes down, for bare-start, the files it read and the messages it sent."""
+    """Starts the daemon once and writes down, for the bare loop, the files it read and the messages it sent."""
     folder = f"{WORK}/{entries}"
     # The answer to a Get comes after the last message of the start.
     bench.request("get", entries, 1, bench.service("korvaneinfod", entries))
@@ -112,11 +113,13 @@ def record_start(bench, entries):
 
 def compare(bench, entries):
     """Returns {measure: {service: [value of each round]}}."""
-    arguments = []
-    for name in ("korvaneinfod", "gdbus", "sdbus", "bare"):
-        arguments += ["--", *bench.service(name, entries)]
+    def services(*names):
+        return [argument for name in names for argument in ("--", *bench.service(name, entries))]
+
     amounts = bench.amounts
-    output = bench.client("compare", entries, amounts["starts"], amounts["rounds"], amounts["calls"], *arguments)
+    output = bench.client("starts", amounts["starts"], *services("korvaneinfod", "gdbus", "sdbus", "giomm", "bare"))
+    output += bench.client("compare", entries, amounts["rounds"], amounts["calls"],
+                           *services("korvaneinfod", "gdbus", "sdbus"))
     figures = collections.defaultdict(lambda: collections.defaultdict(list))
     for line in output.splitlines():
         measure, service, _, value = line.split()
