@@ -89,7 +89,7 @@ void set(Bus& bus, const Output& output, const std::string& name, const std::str
             throw Failure("set, but it cannot be read back: " + item.error);
         // The daemon answers success also when it could not write the file.
         if (item.value && item.value->text != expectedText(item.signature, value))
-            throw Failure("the value did not take, it is " + shown(item.value));
+            throw Failure("the daemon answered success, but the value is " + shown(item.value));
     } catch (const Failure& failure) {
         throw Failure(item.shortName() + ": " + failure.what());
     }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <limits>
 #include <systemd/sd-bus.h>
+#include <type_traits>
 
 namespace ctl {
 
@@ -19,13 +20,16 @@ namespace {
 
 /// The whole text has to be one number in decimal that fits.
 template <typename Number> Number number(const std::string& text) {
+    constexpr const char* expected = std::is_floating_point_v<Number> ? "is not a number"
+                                     : std::is_signed_v<Number>       ? "is not a whole number"
+                                                                      : "is not a whole number without a sign";
     Number result{};
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, result);
     if (error == std::errc::result_out_of_range)
         refuse(text, "is out of range");
     if (error != std::errc() || stop != end)
-        refuse(text, "is not a number of the property's type");
+        refuse(text, expected);
     return result;
 }
 

@@ -204,11 +204,13 @@ def test_set_prints_the_item_as_json(served):
 
 
 @pytest.mark.parametrize("name, value, reason", [
-    ("/Board/Count", "x", "\"x\" is not a number of the property's type"),
-    ("/Board/Count", "-1", "\"-1\" is not a number of the property's type"),
+    ("/Board/Count", "x", "\"x\" is not a whole number without a sign"),
+    ("/Board/Count", "-1", "\"-1\" is not a whole number without a sign"),
     ("/Board/Count", "3000000000",
      "\"3000000000\" is above 2147483647: the daemon could not read it back and would end"),
     ("/Board/Count", "4294967296", "\"4294967296\" is out of range"),
+    ("Eth0/Net/Secret", "1.5", "\"1.5\" is not a whole number"),
+    ("Eth0/Net/Speed", "fast", "\"fast\" is not a number"),
     ("Eth0/Net/Speed", "1e-310", "\"1e-310\" is too near to zero: the daemon could not read it back and would end"),
     ("Eth0/Led/Gpio/On", "1", "\"1\" is neither true nor false"),
     ("Eth0/Led/Gpio/Byte", "256", "\"256\" is out of range"),
@@ -225,12 +227,13 @@ def test_set_that_the_daemon_could_not_store(bed):
     bed.start(elements)
     os.remove(elements[1]["path"])
     os.mkdir(elements[1]["path"])
-    assert complaint_of(bed, "set", "Count", "7") == "/Board/Count: the value did not take, it is 42"
+    assert complaint_of(bed, "set", "Count", "7") == (
+        "/Board/Count: the daemon answered success, but the value is 42")
 
 
 def test_set_of_text_that_the_daemon_stores_in_another_way(served):
     assert complaint_of(served, "set", "Eth0/Serial", "it's") == (
-        "Eth0/Net/Serial: the value did not take, it is \"it's\"")
+        "Eth0/Net/Serial: the daemon answered success, but the value is \"it's\"")
 
 
 def test_set_of_an_item_that_cannot_be_read_back(bed):
