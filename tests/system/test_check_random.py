@@ -10,6 +10,7 @@ import json
 import os
 import random
 import shutil
+import subprocess
 import xml.etree.ElementTree
 
 from gi.repository import GLib
@@ -245,7 +246,7 @@ def test_verdict_fits_the_daemon(bed, capsys, monkeypatch):
                 assert not judge(bed, rest, encoded(rest)), "new errors without the elements that were named"
             if seed % 4 == 0:
                 with_errors += judge(bed, [], generator.damaged(encoded(elements)))
-        except AssertionError as error:
+        except (AssertionError, GLib.Error, subprocess.TimeoutExpired) as error:
             raise AssertionError(f"KORVANEINFO_CHECK_SEED={seed}: {error}") from error
         shutil.rmtree(directory)
     with capsys.disabled():

@@ -7,7 +7,6 @@ import json
 import os
 import re
 import tempfile
-import time
 from collections import Counter
 from dataclasses import dataclass
 
@@ -17,7 +16,7 @@ from hypothesis import strategies as st
 
 from model import (BROKEN, BUS_NAME, DIRECTORY, INTERFACE, INVALID_ARGS, NO_REPLY, ROOT, UNKNOWN_METHOD, Model,
                    is_utf8)
-from testbed import PROPERTIES, Signals, TestBed, full_path, journal_since
+from testbed import PROPERTIES, Signals, TestBed, full_path
 
 CASES = int(os.environ.get("MODEL_CASES", "300"))
 SEED = int(os.environ.get("MODEL_SEED", "1"))
@@ -225,7 +224,6 @@ class Run:
             bed.bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
                          GLib.Variant("(su)", (BUS_NAME, 0)))
         configuration = bed.configuration(case.text.encode("utf-8", "surrogateescape"))
-        self.begin = time.monotonic()
         self.daemon = bed.run("-c", configuration, cwd=self.folder)
 
     def wait_for_bus(self):
@@ -312,7 +310,7 @@ def compare(case, seen):
         assert run.daemon.wait() == model.status, run.daemon.stderr()
         # GLib announces its own failed assertions on standard output.
         assert run.daemon.stdout().split(b"Bail out!")[0] == model.listing
-        assert journal_since(run.daemon, run.begin) == model.journal
+        assert run.daemon.journal() == model.journal
         if bed.bus.process.poll() is None:
             run.wait_for_bus()
         assert run.signals.seen == model.signals

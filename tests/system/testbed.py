@@ -6,6 +6,7 @@ import select
 import shutil
 import signal
 import subprocess
+import time
 
 from gi.repository import Gio, GLib
 
@@ -89,6 +90,7 @@ class Daemon:
         self.stdout_path = os.path.join(directory, "stdout")
         self.stderr_path = os.path.join(directory, "stderr")
         environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus_address)
+        self.begin = time.monotonic()
         with open(self.stdout_path, "wb") as stdout, open(self.stderr_path, "wb") as stderr:
             self.process = subprocess.Popen([os.environ["KORVANEINFOD"], *arguments], stdin=subprocess.DEVNULL,
                                             stdout=stdout, stderr=stderr, env=environment, **options)
@@ -158,19 +160,15 @@ class Daemon:
                 for m in self.journal_records()]
 
     def journal_records(self):
-        """Returns all journal records of the daemon's own messages, in order, as dictionaries of texts."""
+        """Returns all journal records of the daemon's own messages, in order, as dictionaries of texts.
+
+        An earlier daemon may have had the same process id: tests that start thousands of them meet each id again."""
         subprocess.run(["journalctl", "--sync"], check=True)
         output = subprocess.run(
             [*JOURNALCTL, f"_PID={self.process.pid}", "_TRANSPORT=journal"], check=True, stdout=subprocess.PIPE).stdout
         records = [json.loads(line) for line in output.splitlines()]
-        return [{key: text_of(value) for key, value in record.items()} for record in records]
-
-
-def journal_since(daemon, begin):
-    """Returns Daemon.journal() without what was logged before `begin`, a time of the monotonic clock: a test that
-    starts thousands of daemons meets each process id again."""
-    return [(int(m["PRIORITY"]), m["CODE_FILE"], int(m["CODE_LINE"]), m["CODE_FUNC"], m["MESSAGE"])
-            for m in daemon.journal_records() if int(m["__MONOTONIC_TIMESTAMP"]) >= begin * 1e6]
+        return [{key: text_of(value) for key, value in record.items()} for record in records
+                if int(record["__MONOTONIC_TIMESTAMP"]) >= self.begin * 1e6]
 
 
 def text_of(field):
