@@ -19,6 +19,7 @@ from gi.repository import Gio, GLib
 from testbed import BUS_NAME, INTERFACE, PROPERTIES, ROOT, SOURCE_ROOT, TIMEOUT, Signals, wait_until
 
 BOARD = INTERFACE + ".Board"
+HUNG = 500  # milliseconds after which a daemon that is to hang counts as hanging
 MOMENTS = int(os.environ.get("FAULT_MOMENTS", "40"))
 CANNOT_OPEN = (3, "src/ConfigFileParser.cpp", 191, "updateValueInPathFile", "setProperty: Unable to access file")
 CONNECTION_LOST = (7, "src/dbus/DBusServices.cpp", 460, "onNameLost", "connection lost")
@@ -32,6 +33,15 @@ def entry(name, path):
 def read(path):
     with open(path, "rb") as file:
         return file.read()
+
+
+def look(path):
+    """Returns what is at a path: a file's content, a link's target, a folder's content or nothing."""
+    if os.path.islink(path):
+        return "link", os.readlink(path)
+    if os.path.isdir(path):
+        return "folder", os.listdir(path)
+    return ("file", read(path)) if os.path.exists(path) else None
 
 
 def get(bed, name="Item"):
@@ -89,10 +99,12 @@ def test_disk_that_fills_up_on_the_way_leaves_the_beginning_of_the_value(bed, sm
     with open(path, "wb") as file:
         file.write(b"old\n")
     fill(small_disk, pages=1)
-    bed.start([entry("Item", path)])
+    daemon = bed.start([entry("Item", path)])
+    before = len(daemon.journal())
     set_text(bed, "n" * 2 * page)
     assert get(bed) == "n" * 2 * page
     assert read(path) == b"n" * page
+    assert daemon.journal()[before:] == []
     restart(bed)
     assert get(bed) == "n" * page
 
@@ -122,21 +134,30 @@ def test_disk_without_room_for_another_file_leaves_the_old_value(bed, small_disk
     assert get(bed) == "old"
     assert not os.path.exists(path)
     assert daemon.journal()[-1] == CANNOT_OPEN
+    os.remove(os.path.join(small_disk, "a"))
+    set_text(bed, "newer")
+    assert read(path) == b"newer\n"
 
 
 def test_removed_file_is_served_from_memory_and_made_again_by_a_set(bed):
     path = bed.file("value", "old\n")
-    bed.start([entry("Item", path)])
+    daemon = bed.start([entry("Item", path)])
+    before = len(daemon.journal())
     os.remove(path)
     assert get(bed) == "old"
     set_text(bed, "new")
     assert get(bed) == "new"
     assert read(path) == b"new\n"
+    assert daemon.journal()[before:] == []
 
 
 def make_read_only(path):
     mount("--bind", path, path)
     mount("-o", "remount,bind,ro", path)
+
+
+def make_writable_again(path):
+    subprocess.run(["umount", path], check=True)
 
 
 def replace_by_folder(path):
@@ -154,23 +175,30 @@ def remove_folder(path):
     os.rmdir(os.path.dirname(path))
 
 
-@pytest.mark.parametrize("fault", [make_read_only, replace_by_folder, replace_by_link_to_nowhere, remove_folder])
-def test_file_that_cannot_be_opened_keeps_the_old_value_and_still_signals(bed, fault):
+def make_folder(path):
+    os.mkdir(os.path.dirname(path))
+
+
+@pytest.mark.parametrize("fault, mend", [
+    (make_read_only, make_writable_again), (replace_by_folder, os.rmdir), (replace_by_link_to_nowhere, os.remove),
+    (remove_folder, make_folder)])
+def test_file_that_cannot_be_opened_keeps_the_old_value_and_still_signals(bed, fault, mend):
     os.mkdir(os.path.join(bed.directory, "folder"))
     path = bed.file("folder/value", "old\n")
     daemon = bed.start([entry("Item", path)])
     signals = Signals(bed.bus)
     signals.so_far()
     fault(path)
+    before = look(path)
     set_text(bed, "new")
     assert get(bed) == "old"
+    assert look(path) == before
     assert daemon.journal()[-1] == CANNOT_OPEN
     assert signals.so_far() == [(ROOT, PROPERTIES, "PropertiesChanged", "()")]
-    if fault is make_read_only:
-        assert read(path) == b"old\n"
-        subprocess.run(["umount", path], check=True)
-        set_text(bed, "newer")
-        assert read(path) == b"newer\n"
+    mend(path)
+    set_text(bed, "newer")
+    assert get(bed) == "newer"
+    assert read(path) == b"newer\n"
 
 
 # --- the journal
@@ -289,6 +317,10 @@ def test_more_messages_than_a_hanging_journal_queues_delay_requests_and_lose_not
         bed.bus.connection.call(BUS_NAME, ROOT, PROPERTIES, "Get", GLib.Variant("(ss)", (BOARD, "Missing0")), None,
                                 Gio.DBusCallFlags.NO_AUTO_START, TIMEOUT * 1000, None, answered)
     wait_until(lambda: len(errors) >= queued, "the replies whose messages the queue holds")
+    with pytest.raises(GLib.Error, match="[Tt]imeout"):
+        bed.bus.connection.call_sync(BUS_NAME, ROOT, PROPERTIES, "Get", GLib.Variant("(ss)", (BOARD, "Item")), None,
+                                     Gio.DBusCallFlags.NO_AUTO_START, HUNG, None)
+    assert len(errors) < count
     os.kill(host.journald, signal.SIGCONT)
     wait_until(lambda: len(errors) == count, "all replies")
     assert host.messages() == ["Property Missing0 not found"] * count
@@ -345,7 +377,9 @@ def state_of(left, old, new):
 
 def test_kill_at_any_moment_of_a_set_leaves_the_old_value_the_new_one_or_the_beginning_of_the_new_one(bed):
     old, new = "o" * 1000, "n" * 1000000
-    path = bed.file("value", old + "\n")
+    folder = os.path.join(bed.directory, "folder")
+    os.mkdir(folder)
+    path = bed.file("folder/value", old + "\n")
     configuration = bed.configuration([entry("Item", path)])
     chance = random.Random(1)
     daemon = bed.run("-c", configuration)
@@ -356,7 +390,7 @@ def test_kill_at_any_moment_of_a_set_leaves_the_old_value_the_new_one_or_the_beg
     daemon.kill()
     found = Counter()
     for moment in range(MOMENTS):
-        bed.file("value", old + "\n")
+        bed.file("folder/value", old + "\n")
         daemon = bed.run("-c", configuration)
         assert daemon.wait_for_name(bed.bus)
         send_set(bed, new)
@@ -368,6 +402,7 @@ def test_kill_at_any_moment_of_a_set_leaves_the_old_value_the_new_one_or_the_beg
         daemon.process.kill()
         assert daemon.wait() == -signal.SIGKILL
         left = read(path)
+        assert os.listdir(folder) == ["value"]
         found[state_of(left, old.encode() + b"\n", new.encode() + b"\n")] += 1
         restarted = bed.run("-c", configuration)
         assert restarted.wait_for_name(bed.bus)
