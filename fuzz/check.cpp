@@ -3,24 +3,19 @@
 
 #include "Check.h"
 #include "ConfigFileParser.h"
-#include "Fuzz.h"
+#include "ConfigurationInput.h"
 #include "JournalCapture.h"
 #include "dbus/DBusServices.h"
 
 #include <algorithm>
 #include <gio/gio.h>
 #include <json/json.h>
-#include <memory>
 #include <sstream>
 #include <string_view>
 
 namespace {
 
 using check::Kind;
-
-constexpr int valueDescriptor = 100;
-constexpr int configurationDescriptor = 101;
-constexpr double longestValue = 4096; ///< longer ones are read as well, but only slowly
 
 struct Result {
     std::vector<check::Finding> findings;
@@ -37,26 +32,6 @@ struct Result {
                            [](const auto& finding) { return finding.severity == check::Severity::error; });
     }
 };
-
-/// Files other than the value file could be terminals or devices, and a length of gigabytes takes minutes.
-bool isHarmless(const Json::Value& element, const std::string& valuePath) {
-    if (!element.isObject())
-        return true;
-    const Json::Value& path = element["path"];
-    const Json::Value& length = element["length"];
-    return (!path.isString() || path.asString() == valuePath || path.asString().find('/') == std::string::npos) &&
-           (!length.isNumeric() || length.asDouble() <= longestValue);
-}
-
-/// Whether the daemon's parser takes the text for JSON.
-bool readDocument(const std::string& text, Json::Value& root) {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
-    } catch (const Json::Exception&) { // nested too deeply
-        return false;
-    }
-}
 
 bool parseRaises(const std::string& file) {
     try {
@@ -102,28 +77,19 @@ void requireOutput(const std::vector<check::Finding>& findings) {
     std::ostringstream json;
     check::writeJson(json, findings);
     Json::Value array;
-    fuzz::require(readDocument(json.str(), array) && array.isArray() && array.size() == findings.size(),
-                  "every finding is an element of the JSON array");
+    std::istringstream(json.str()) >> array;
+    fuzz::require(array.isArray() && array.size() == findings.size(), "every finding is an element of the JSON array");
 }
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const fuzz::MemoryFile valueFile(valueDescriptor);
-    static const fuzz::MemoryFile configuration(configurationDescriptor);
-    static const std::string separator = "\n---\n";
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    const std::size_t end = input.find(separator);
-    const std::string text = input.substr(0, end);
-
-    Json::Value document;
-    const bool isJson = readDocument(text, document);
-    const Json::Value root = document;
-    if (root.isArray() &&
-        !std::all_of(root.begin(), root.end(), [](const auto& e) { return isHarmless(e, valueFile.path()); }))
+    const fuzz::ConfigurationInput input(data, size);
+    if (!input.isHarmless())
         return 0;
-    configuration.write(text);
-    valueFile.write(end == std::string::npos ? "" : input.substr(end + separator.size()));
+    input.write();
+    const std::string& text = input.text;
+    const bool isJson = input.outcome == fuzz::ConfigurationInput::Outcome::parsed;
 
     const Result result{check::checkText("file", text, {})};
     fuzz::require(result.has(Kind::syntax) == !isJson, "a syntax error is what the daemon's parser refuses");
@@ -131,13 +97,13 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                                std::count_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }));
     for (const check::Finding& finding : result.findings)
         fuzz::require(finding.line <= lines && (finding.line > 0 || finding.kind == Kind::syntax) &&
-                          (!finding.element || *finding.element < root.size()),
+                          (!finding.element || *finding.element < input.root.size()),
                       "a finding is about a place in the text");
     requireOutput(result.findings);
 
     const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
     ConfigFileParser::getInstance()->entries.clear();
-    const bool raises = parseRaises(configuration.path());
+    const bool raises = parseRaises(input.configurationPath());
     if (isJson) {
         fuzz::require(raises ==
                           (result.has(Kind::topLevel) || result.has(Kind::elementType) || result.has(Kind::wrongType)),

@@ -1,9 +1,8 @@
 // Any configuration text with a value file through the parser, the XML generator and the bus library's reader of
-// introspection data. The input is the configuration, and behind a line "---" the content of the value file, which
-// the configuration can name as /proc/self/fd/100.
+// introspection data.
 
 #include "ConfigFileParser.h"
-#include "Fuzz.h"
+#include "ConfigurationInput.h"
 #include "JournalCapture.h"
 #include "dbus/DBusServices.h"
 
@@ -11,23 +10,13 @@
 #include <gio/gio.h>
 #include <json/json.h>
 #include <map>
-#include <memory>
 
 namespace {
 
-constexpr int valueDescriptor = 100;
-constexpr int configurationDescriptor = 101;
-constexpr double longestValue = 4096; ///< longer ones are read as well, but only slowly
-
-enum class Outcome { parsed, notJson, thrown };
-
-bool isText(const Json::Value& value) { return !value.isArray() && !value.isObject(); }
-
-bool isFlag(const Json::Value& value) { return isText(value) && !value.isString(); }
-
-bool isLength(const Json::Value& value) {
-    return isFlag(value) && (value.isNull() || (value.asDouble() >= 0 && value.asDouble() <= 4294967295.0));
-}
+using fuzz::isFlag;
+using fuzz::isLength;
+using fuzz::isText;
+using Outcome = fuzz::ConfigurationInput::Outcome;
 
 /// Whether an element has only values of types that its keys can take.
 bool isReadable(const Json::Value& element) {
@@ -42,16 +31,6 @@ bool isReadable(const Json::Value& element) {
     const bool isTranslated = element["location"].asString() == "fuses";
     return isLength(element["length"]) &&
            (!isTranslated || element["translate"].isNull() || element["translate"].isObject());
-}
-
-/// Files other than the value file could be terminals or devices, and a length of gigabytes takes minutes.
-bool isHarmless(const Json::Value& element, const std::string& valuePath) {
-    if (!element.isObject())
-        return true;
-    const Json::Value& path = element["path"];
-    const Json::Value& length = element["length"];
-    return (!isText(path) || path.asString() == valuePath || path.asString().find('/') == std::string::npos) &&
-           (!isLength(length) || length.isNull() || length.asDouble() <= longestValue);
 }
 
 /// Text that stands in an XML attribute as it is.
@@ -156,56 +135,37 @@ void requireLookup(const std::vector<ConfigEntry>& entries) {
     }
 }
 
-Outcome readDocument(const std::string& text, Json::Value& root) {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, nullptr) ? Outcome::parsed
-                                                                                     : Outcome::notJson;
-    } catch (const Json::Exception&) { // nested too deeply
-        return Outcome::thrown;
-    }
-}
-
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const fuzz::MemoryFile valueFile(valueDescriptor);
-    static const fuzz::MemoryFile configuration(configurationDescriptor);
-    static const std::string separator = "\n---\n";
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    const std::size_t end = input.find(separator);
-    const std::string text = input.substr(0, end);
-    const std::string value = end == std::string::npos ? "" : input.substr(end + separator.size());
-
-    Json::Value document;
-    Outcome expected = readDocument(text, document);
-    const Json::Value root = document;
+    const fuzz::ConfigurationInput input(data, size);
+    if (!input.isHarmless())
+        return 0;
+    const Json::Value& root = input.root;
+    Outcome expected = input.outcome;
     Json::ArrayIndex readable = 0;
     if (expected == Outcome::parsed && root.isObject() && !root.empty())
         expected = Outcome::thrown;
     if (expected == Outcome::parsed && root.isArray()) {
-        if (!std::all_of(root.begin(), root.end(), [](const auto& e) { return isHarmless(e, valueFile.path()); }))
-            return 0;
         while (readable < root.size() && isReadable(root[readable]))
             ++readable;
         if (readable < root.size())
             expected = Outcome::thrown;
     }
 
-    configuration.write(text);
-    valueFile.write(value);
+    input.write();
     ConfigFileParser* const parser = ConfigFileParser::getInstance();
     parser->entries.clear();
     Outcome outcome = Outcome::thrown;
     try {
-        outcome = parser->parseData(configuration.path()) ? Outcome::parsed : Outcome::notJson;
+        outcome = parser->parseData(input.configurationPath()) ? Outcome::parsed : Outcome::notJson;
     } catch (const Json::Exception&) {
     }
     journal::take();
     fuzz::require(outcome == expected, "a document is parsed, refused or raises as its values tell");
     fuzz::require(parser->entries.size() == readable, "each element up to the first faulty one is an entry");
     for (Json::ArrayIndex i = 0; i < readable; ++i)
-        requireEntry(parser->entries[i], root[i], valueFile.path(), value);
+        requireEntry(parser->entries[i], root[i], input.valuePath(), input.value);
     requireIntrospection(parser->entries);
     requireLookup(parser->entries);
     journal::take();

@@ -14,12 +14,12 @@ constexpr int valueDescriptor = 100;
 /// What `>>` skips.
 bool isBlank(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
-std::string modelNumber(const std::string& file, std::size_t offset, std::uint32_t length) {
+std::string modelNumber(const std::string& file, std::uint64_t offset, std::uint32_t length) {
     std::uint64_t number = 0;
     std::uint64_t weight = 1;
     for (std::uint32_t i = 0; i < length; ++i, weight *= 256)
         if (offset + i < file.size())
-            number += weight * static_cast<unsigned char>(file[offset + i]);
+            number += weight * static_cast<unsigned char>(file[static_cast<std::size_t>(offset + i)]);
     std::string digits;
     do
         digits.insert(digits.begin(), static_cast<char>('0' + number % 10));
