@@ -23,6 +23,8 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <numeric>
+#include <random>
 #include <spawn.h>
 #include <stdexcept>
 #include <string>
@@ -250,17 +252,30 @@ void print(const std::string& measure, const Service& service, unsigned round, s
     std::cout << measure << ' ' << service.name << ' ' << round << ' ' << value << '\n';
 }
 
-/// The first service in turn changes with every turn, since each call leaves the caches to the next.
-template <typename Function> void takeTurns(const Services& services, unsigned turn, const Function& function) {
-    for (std::size_t i = 0; i < services.size(); ++i)
-        function((turn + i) % services.size());
+/// Calls the function with the number of each service, in another order each time, since each call leaves the caches to
+/// the next. The orders are the same in every run.
+template <typename Function> void takeTurns(const Services& services, const Function& function) {
+    static std::minstd_rand random;
+    std::vector<std::size_t> order(services.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), random);
+    std::for_each(order.begin(), order.end(), function);
+}
+
+void printMemory(const Service& service, const std::string& when, unsigned round) {
+    const std::int64_t written = service.memory("Private_Dirty:");
+    print("resident-" + when, service, round, service.memory("Rss:"));
+    print("unshared-" + when, service, round, written + service.memory("Private_Clean:"));
+    print("private-" + when, service, round, written);
 }
 
 void compareStarts(const Services& services, unsigned rounds) {
     for (unsigned round = 0; round < rounds; ++round) {
-        takeTurns(services, round, [&](std::size_t i) {
+        takeTurns(services, [&](std::size_t i) {
             Service& service = *services[i];
             print("start", service, round, timeOf([&] { service.start(); }));
+            if (service.bus)
+                printMemory(service, "idle", round);
             service.stop();
         });
     }
@@ -271,7 +286,7 @@ void compareRequests(const Services& services, const std::string& measure, unsig
     const Request request(measure, entries);
     std::vector<std::vector<Nanoseconds>> times(services.size());
     for (unsigned call = 0; call < calls; ++call) {
-        takeTurns(services, call,
+        takeTurns(services,
                   [&](std::size_t i) { times[i].push_back(timeOf([&] { request(services[i]->bus.get()); })); });
     }
     for (std::size_t i = 0; i < services.size(); ++i) {
@@ -281,25 +296,17 @@ void compareRequests(const Services& services, const std::string& measure, unsig
     }
 }
 
-void printMemory(const Services& services, const std::string& when) {
-    for (const Service* service : services) {
-        print("resident-" + when, *service, 0, service->memory("Rss:"));
-        // Not the clean pages: those of a library count as private for as long as nobody else happens to use it.
-        print("private-" + when, *service, 0, service->memory("Private_Dirty:"));
-    }
-}
-
 void compare(const Services& services, unsigned entries, unsigned rounds, unsigned calls) {
     for (Service* service : services)
         service->start();
-    printMemory(services, "idle");
     for (unsigned round = 0; round < rounds; ++round) {
         compareRequests(services, "get", entries, round, calls);
         compareRequests(services, "getall", entries, round, std::max(1U, calls / 10));
         compareRequests(services, "set", entries, round, calls);
         compareRequests(services, "inflight", entries, round, std::max(1U, calls / 20));
+        for (const Service* service : services)
+            printMemory(*service, "served", round);
     }
-    printMemory(services, "served");
 }
 
 void makeRequests(const std::string& measure, unsigned entries, unsigned times, Service& service) {

@@ -123,7 +123,7 @@ BENCHMARK_CAPTURE(readValue, par, "par", 0);
 BENCHMARK_CAPTURE(readValue, fusesNumber, "fuses", 4);
 BENCHMARK_CAPTURE(readValue, fusesHexDigits, "fuses", 16);
 
-/// The whole configuration: JSON, value files, dumps for the journal, listing.
+/// The whole configuration: JSON, value files, dumps for the journal; the listing is made, but not printed.
 void parseData(benchmark::State& state) {
     const TemporaryFile value(BENCH_VALUE "\n");
     Json::Value root(Json::arrayValue);
