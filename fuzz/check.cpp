@@ -103,7 +103,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
 
     const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
     ConfigFileParser::getInstance()->entries.clear();
-    const bool raises = parseRaises(input.configurationPath());
+    const bool raises = parseRaises(fuzz::ConfigurationInput::configurationPath());
     if (isJson) {
         fuzz::require(raises ==
                           (result.has(Kind::topLevel) || result.has(Kind::elementType) || result.has(Kind::wrongType)),

@@ -158,14 +158,14 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     parser->entries.clear();
     Outcome outcome = Outcome::thrown;
     try {
-        outcome = parser->parseData(input.configurationPath()) ? Outcome::parsed : Outcome::notJson;
+        outcome = parser->parseData(fuzz::ConfigurationInput::configurationPath()) ? Outcome::parsed : Outcome::notJson;
     } catch (const Json::Exception&) {
     }
     journal::take();
     fuzz::require(outcome == expected, "a document is parsed, refused or raises as its values tell");
     fuzz::require(parser->entries.size() == readable, "each element up to the first faulty one is an entry");
     for (Json::ArrayIndex i = 0; i < readable; ++i)
-        requireEntry(parser->entries[i], root[i], input.valuePath(), input.value);
+        requireEntry(parser->entries[i], root[i], fuzz::ConfigurationInput::valuePath(), input.value);
     requireIntrospection(parser->entries);
     requireLookup(parser->entries);
     journal::take();
