@@ -113,11 +113,9 @@ class Generator:
 
     def damaged(self, document):
         """Returns the document with a few bytes changed, which mostly is no JSON any more."""
-        if not document:
-            return document
         damaged = bytearray(document)
         for _ in range(self.random.randrange(1, 4)):
-            at = self.random.randrange(len(damaged))
+            at = self.random.randrange(len(damaged) + 1)
             change = self.random.choice([b"", b"{", b"}", b"[", b"]", b",", b":", b"\"", b"0", b"-", b"\\", b"/*", b"//",
                                          b"null", b"\xff", b"\0", b"\\u0000", b"\\ud800", b"'", b"\n"])
             damaged[at:at + self.random.randrange(2)] = change
