@@ -263,10 +263,9 @@ template <typename Function> void takeTurns(const Services& services, const Func
 }
 
 void printMemory(const Service& service, const std::string& when, unsigned round) {
-    const std::int64_t written = service.memory("Private_Dirty:");
     print("resident-" + when, service, round, service.memory("Rss:"));
-    print("unshared-" + when, service, round, written + service.memory("Private_Clean:"));
-    print("private-" + when, service, round, written);
+    // Not the clean pages: those of a library count as private for as long as nobody else happens to use it.
+    print("private-" + when, service, round, service.memory("Private_Dirty:"));
 }
 
 void compareStarts(const Services& services, unsigned rounds) {

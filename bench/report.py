@@ -29,8 +29,6 @@ MEASURES = {  # name: (title, section of the document that explains it)
     "resident-served": ("Resident memory after serving", "Memory"),
     "private-idle": ("Private memory, written, after the start", "Memory"),
     "private-served": ("Private memory, written, after serving", "Memory"),
-    "unshared-idle": ("Private memory, all, after the start", "Memory"),
-    "unshared-served": ("Private memory, all, after serving", "Memory"),
 }
 TARGETS = (  # measure, compared with (None: bytes), entries, limit
     ("get-p50", "gdbus", "20", 1.05),
@@ -42,7 +40,6 @@ TARGETS = (  # measure, compared with (None: bytes), entries, limit
     ("start", "bare", "1000", 1.5),
     ("private-idle", None, "20", 1.3e6),
     ("private-served", None, "20", 1.3e6),
-    ("unshared-idle", None, "20", 1.3e6),
 )
 SECTION_OF_SIZE = "Size on disk"
 
@@ -69,7 +66,7 @@ def show_ratio(ratio):
 
 def show_amount(measure, value):
     """Shows bytes or nanoseconds."""
-    if measure.startswith(("resident", "private", "unshared", "size")):
+    if measure.startswith(("resident", "private", "size")):
         return f"{value / 1e6:.2f} MB" if value >= 1e6 else f"{value / 1e3:.0f} kB"
     return f"{value / 1e6:.2f} ms" if value >= 1e6 else f"{value / 1e3:.1f} µs" if value >= 1e3 else f"{value:.0f} ns"
 
