@@ -17,7 +17,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
@@ -167,16 +166,10 @@ private:
 };
 using Services = std::vector<Service*>; ///< in the order of the arguments
 
-std::string lastItem(unsigned entries) {
-    std::array<char, 16> name{};
-    std::snprintf(name.data(), name.size(), BENCH_ITEM, static_cast<int>(entries) - 1);
-    return name.data();
-}
-
 /// Makes the calls of one kind of request.
 class Request {
 public:
-    Request(std::string_view measure, unsigned entries) : item(lastItem(entries)) {
+    Request(std::string_view measure, unsigned entries) : item(itemName(entries - 1)) {
         if (measure == "get")
             make = &Request::get;
         else if (measure == "getall")

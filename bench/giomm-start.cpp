@@ -5,8 +5,6 @@
 #include "items.h"
 #include "record.h"
 
-#include <array>
-#include <cstdio>
 #include <giomm.h>
 #include <iostream>
 #include <string>
@@ -15,13 +13,10 @@ namespace {
 
 using Connection = Glib::RefPtr<Gio::DBus::Connection>;
 
-std::string introspectionXml(int entries) {
+std::string introspectionXml(unsigned entries) {
     std::string xml = "<node><interface name='" BENCH_INTERFACE "'>";
-    for (int entry = 0; entry < entries; ++entry) {
-        std::array<char, 16> name{};
-        std::snprintf(name.data(), name.size(), BENCH_ITEM, entry);
-        xml += std::string("<property name='") + name.data() + "' type='s' access='readwrite'/>";
-    }
+    for (unsigned entry = 0; entry < entries; ++entry)
+        xml += "<property name='" + itemName(entry) + "' type='s' access='readwrite'/>";
     return xml + "</interface></node>";
 }
 
@@ -40,7 +35,7 @@ int main(int argc, char* argv[]) {
     replay(argv[2]);
 
     Gio::init();
-    const auto node = Gio::DBus::NodeInfo::create_for_xml(introspectionXml(std::stoi(argv[1])));
+    const auto node = Gio::DBus::NodeInfo::create_for_xml(introspectionXml(static_cast<unsigned>(std::stoi(argv[1]))));
     const Gio::DBus::InterfaceVTable vtable({}, sigc::ptr_fun(&onGetProperty));
     const auto loop = Glib::MainLoop::create();
     Gio::DBus::own_name(

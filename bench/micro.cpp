@@ -3,7 +3,6 @@
 #include "dbus/DBusServices.h"
 #include "items.h"
 
-#include <array>
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>
@@ -20,12 +19,6 @@ extern "C" int sd_journal_print_with_location(int /*priority*/, const char* /*fi
 }
 
 namespace {
-
-std::string itemName(std::size_t number) {
-    std::array<char, 16> name{};
-    std::snprintf(name.data(), name.size(), BENCH_ITEM, static_cast<int>(number));
-    return name.data();
-}
 
 /// Fills the daemon's list as the benchmark's configuration does.
 void setEntries(std::size_t count) {
