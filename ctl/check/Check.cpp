@@ -53,8 +53,11 @@ std::string fullObjectPath(const ConfigEntry& entry) {
     return entry.objectPath.empty() ? root : root + "/" + entry.objectPath;
 }
 
-void checkNames(const Element& element) {
-    const ConfigEntry& entry = element.entry;
+/// Checks the names that are published. An interface that differs from its object's is not one of them.
+void checkNames(const Element& element, bool interfaceDiffers) {
+    ConfigEntry entry = element.entry;
+    if (interfaceDiffers)
+        entry.interface = "Unpublished";
     if (const std::string error = introspectionError(entry); !error.empty()) {
         element.report(Kind::introspection, "", "breaks the introspection document: " + error);
         return;
@@ -81,11 +84,8 @@ void checkNames(const Element& element) {
 }
 
 /// Checks the element against the earlier ones on its object path, and adds it.
-void checkNeighbours(const Element& element, PublishedObjects& objects) {
+void checkNeighbours(const Element& element, PublishedObject& object) {
     const ConfigEntry& entry = element.entry;
-    const auto [known, isNew] =
-        objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}, 0});
-    PublishedObject& object = known->second;
     if (entry.interface != object.interface)
         element.report(Kind::interfaceDiffers, "interface",
                        quoted(entry.interface) + " differs from " + quoted(object.interface) + " of element " +
@@ -104,12 +104,11 @@ void checkNeighbours(const Element& element, PublishedObjects& objects) {
 
 /// Reports a value with which the answer to a client that asks for all properties of the object gets longer than a
 /// message on the system bus may be.
-void checkSize(const Element& element, const std::string& content, PublishedObjects& objects) {
+void checkSize(const Element& element, const std::string& content, PublishedObject& object) {
     constexpr std::size_t longestMessage = std::size_t{32} << 20U; // the bus daemon's default
     constexpr std::size_t overhead = 512;                          // of an item and its share of the message
-    std::size_t& size = objects.at(element.entry.objectPath).size;
-    size += content.size() + element.entry.name.size() + overhead;
-    if (size > longestMessage)
+    object.size += content.size() + element.entry.name.size() + overhead;
+    if (object.size > longestMessage)
         element.report(Kind::valueTooLong, "path",
                        "the values of the object have more than " + std::to_string(longestMessage) + " bytes");
 }
@@ -117,8 +116,11 @@ void checkSize(const Element& element, const std::string& content, PublishedObje
 void checkElement(Element& element, const Options& options, PublishedObjects& objects) {
     if (!checkKeys(element))
         return;
-    checkNames(element);
-    checkNeighbours(element, objects);
+    const ConfigEntry& entry = element.entry;
+    PublishedObject& object =
+        objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}, 0}).first->second;
+    checkNames(element, entry.interface != object.interface);
+    checkNeighbours(element, object);
     checkStorage(element);
     if (!options.readsValues)
         return;
@@ -126,7 +128,7 @@ void checkElement(Element& element, const Options& options, PublishedObjects& ob
     if (!content || !element.isReadable())
         return;
     checkValue(element, *content);
-    checkSize(element, *content, objects);
+    checkSize(element, *content, object);
 }
 
 } // namespace

@@ -32,6 +32,9 @@ WRONG_END = "correct the type, the daemon ends at start [wrong-type]"
 FILE_END = "correct the path, the value is read as empty or zero [value-file]"
 TARGET_END = "correct the path, a client's Set changes nothing [write-target]"
 LONG_END = "shorten it, the bus disconnects the daemon when a client reads it [value-too-long]"
+DIFFERS_END = ("give all items of an object path the same interface, clients cannot reach this one "
+               "[interface-differs]")
+UNPUBLISHED = ["0Board", "com.brenvok.Info1.Net", "A'B"]
 END_END = "correct \"offset\" or \"length\", missing bytes are zero or repeat the last one [fuse-end]"
 
 
@@ -119,8 +122,11 @@ CASES = [
         f"4: error: element 2 \"C\": \"type\": is missing; {SIGNATURE_END}"]),
     ([item(), item(name="Other", interface="Net")], [
         "3: error: element 1 \"Other\": \"interface\": \"Net\" differs from \"Board\" of element 0, the first one on "
-        "this object path; give all items of an object path the same interface, clients cannot reach this one "
-        "[interface-differs]"]),
+        f"this object path; {DIFFERS_END}"]),
+    # An interface that is not published has no other fault.
+    ([item(), *(item(name=f"Other{n}", interface=text) for n, text in enumerate(UNPUBLISHED))], [
+        f"{n + 3}: error: element {n + 1} \"Other{n}\": \"interface\": \"{text}\" differs from \"Board\" of "
+        f"element 0, the first one on this object path; {DIFFERS_END}" for n, text in enumerate(UNPUBLISHED)]),
     ([item(), item()], [
         f"{line}: error: element {one} \"Serial\": \"name\": element {other} has the same object path and name; "
         "rename or remove one of them, clients cannot tell them apart [duplicate-item]"

@@ -23,7 +23,7 @@ FIRST_SEED = int(os.environ.get("KORVANEINFO_CHECK_SEED") or random.SystemRandom
 
 # With one of these the daemon has trouble for certain. The others are what a client stumbles over.
 FATAL_KINDS = {"syntax", "top-level", "element-type", "wrong-type", "introspection", "object-path",
-               "interface-differs", "value-number", "value-encoding"}
+               "interface-name", "interface-differs", "value-number", "value-encoding"}
 
 ODD_TEXTS = ["", " ", "a b", "a'b", "<", "&", "&amp;", "\0", "a\0b", "ä", "\udcff", "/", "a/b", "/a", "a/", "a//b",
              "a-b", "a.b", ".", "9", "9a", "_", "x" * 300, "a\nb", "\"", "*"]
