@@ -35,6 +35,7 @@ protected:
         BoardTest::SetUp();
         Gio::init();
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+        name_requests::answer = name_requests::Answer::hold;
         name_requests::made = 0;
         name_requests::released = 0;
     }
@@ -109,14 +110,13 @@ TEST_F(Construction, RequestsTheNameOnTheSystemBusWithoutFlags) {
 }
 
 TEST_F(Construction, RefusedRequestIsLoggedAndRaisesAndTheServiceStays) {
-    name_requests::refuse = true;
+    name_requests::answer = name_requests::Answer::refuse;
     try {
         DBusServices::init();
         ADD_FAILURE() << "nothing was thrown";
     } catch (const std::runtime_error& error) {
         EXPECT_STREQ(error.what(), "Failed to own name for com.brenvok.korvaneinfod");
     }
-    name_requests::refuse = false;
     const std::vector<JournalMessage> expected{{7, codeFile, "CODE_LINE=78", "init", "busname could not be owned"}};
     EXPECT_EQ(messages(), expected);
     EXPECT_NE(DBusServices::instance, nullptr);
@@ -137,9 +137,8 @@ TEST_F(Teardown, WithoutAServiceDoesNothing) {
 }
 
 TEST_F(Teardown, WithoutAnOwnerIdReleasesNoName) {
-    name_requests::refuse = true;
+    name_requests::answer = name_requests::Answer::refuse;
     EXPECT_THROW(DBusServices::init(), std::runtime_error);
-    name_requests::refuse = false;
     DBusServices::destroyInstance(nullptr);
     EXPECT_EQ(name_requests::released, 0);
     EXPECT_EQ(DBusServices::instance, nullptr);
@@ -148,6 +147,7 @@ TEST_F(Teardown, WithoutAnOwnerIdReleasesNoName) {
 using MainLoop = Service;
 
 TEST_F(MainLoop, EndsWhenThereIsNoBus) {
+    name_requests::answer = name_requests::Answer::forward;
     DBusServices* const service = DBusServices::init();
     journal::take();
     service->run();

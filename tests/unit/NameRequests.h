@@ -6,9 +6,15 @@
 /// Watches and steers the requests for the bus name in the test binary.
 namespace name_requests {
 
-extern bool refuse;  ///< while set, a request gets no owner id
-extern int made;     ///< requests so far
-extern int released; ///< releases so far
+enum class Answer {
+    hold,    ///< an owner id, and then nothing: no callback comes between what a test does
+    refuse,  ///< no owner id
+    forward, ///< what the bus library says
+};
+
+extern Answer answer; ///< to the next request
+extern int made;      ///< requests so far
+extern int released;  ///< releases so far
 
 extern GBusType lastBus; ///< of the last request
 extern std::string lastName;
