@@ -29,7 +29,7 @@ def activatable(bed):
         bed.file("services/korvaneinfod.service",
                  f"[D-BUS Service]\nName={BUS_NAME}\nUser=root\n"
                  f"Exec={os.environ['KORVANEINFOD']} -c {bed.configuration(elements_for(bed))}\n")
-        bed.bus.stop()
+        bed.bus.close()
         os.remove(os.path.join(bed.directory, "bus"))
         bed.bus = Bus(bed.directory, bed.file("bus.conf", config))
         return bed

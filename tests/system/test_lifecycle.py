@@ -75,7 +75,7 @@ def test_a_bus_that_refuses_the_name_ends_the_daemon(bed, element):
     try:
         daemon, status = bed.run_to_end([element], bus_address=bus.address)
     finally:
-        bus.stop()
+        bus.close()
     assert status == 0
     assert daemon.journal() == [*start_journal(element)[:-1], messages.NAME_LOST]
     assert daemon.stderr() == ""

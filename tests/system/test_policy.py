@@ -49,8 +49,7 @@ class StrictBus(Bus):
         """Returns a connection that refuses to say whose it is."""
         observer = Gio.DBusAuthObserver()
         observer.connect("allow-mechanism", lambda _, mechanism: mechanism == "ANONYMOUS")
-        flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        return Gio.DBusConnection.new_for_address_sync(self.address, flags, observer, None)
+        return self.connect(observer)
 
 
 @contextlib.contextmanager
@@ -84,7 +83,7 @@ def group():
 @pytest.fixture
 def bed(bed):
     """A test bed whose bus has the installed policy, with a daemon on it that serves one writable value."""
-    bed.bus.stop()
+    bed.bus.close()
     bed.bus = StrictBus(bed.directory)
     os.chmod(bed.directory, 0o711)  # other users find the socket of the bus
     bed.start([{"name": "Label", "interface": "Board", "path": bed.file("label", "old\n"), "location": "par",

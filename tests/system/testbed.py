@@ -1,5 +1,6 @@
 """A test bed for one daemon: a real bus of its own, a client connection, the real journal of the private host."""
 
+import contextlib
 import json
 import os
 import select
@@ -50,12 +51,14 @@ class Bus:
             ["dbus-daemon", f"--config-file={config}", f"--address={self.address}", "--nofork", "--nopidfile",
              "--print-address=1"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         assert self.process.stdout.readline(), "the bus did not start"
+        self.connections = []
         self.connection = self.connect()
 
-    def connect(self):
-        """Returns a further client connection."""
+    def connect(self, observer=None):
+        """Returns a further client connection; the observer has a say in the authentication."""
         flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        return Gio.DBusConnection.new_for_address_sync(self.address, flags, None, None)
+        self.connections.append(Gio.DBusConnection.new_for_address_sync(self.address, flags, observer, None))
+        return self.connections[-1]
 
     def call(self, destination, path, interface, method, parameters=None, connection=None):
         """Calls a method and returns its result, unpacked; raises GLib.Error for an error reply."""
@@ -81,6 +84,15 @@ class Bus:
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
         self.process.stdout.close()
+
+    def close(self):
+        """Closes all connections, which otherwise stay open as long as something listens on them, and ends the bus."""
+        for connection in self.connections:
+            # One that has heard of the end of the bus counts as closed, and keeps its socket all the same.
+            for close in connection.close_sync, connection.get_stream().close:
+                with contextlib.suppress(GLib.Error):
+                    close(None)
+        self.stop()
 
 
 class Daemon:
@@ -310,7 +322,7 @@ class TestBed:
         """Ends all processes and removes all files."""
         for daemon in self.daemons:
             daemon.kill()
-        self.bus.stop()
+        self.bus.close()
         for path in self.mounts:
             subprocess.run(["umount", path], check=True)
         shutil.rmtree(self.directory, ignore_errors=True)
