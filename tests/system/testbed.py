@@ -98,10 +98,10 @@ class Bus:
 class Daemon:
     """One daemon process; its standard output and error go to files, its journal is told apart by its process id."""
 
-    def __init__(self, bus_address, directory, arguments, **options):
+    def __init__(self, bus_address, directory, arguments, env=None, **options):
         self.stdout_path = os.path.join(directory, "stdout")
         self.stderr_path = os.path.join(directory, "stderr")
-        environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus_address)
+        environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus_address, **(env or {}))
         self.begin = time.monotonic()
         with open(self.stdout_path, "wb") as stdout, open(self.stderr_path, "wb") as stderr:
             self.process = subprocess.Popen([os.environ["KORVANEINFOD"], *arguments], stdin=subprocess.DEVNULL,
@@ -269,7 +269,8 @@ class TestBed:
         subprocess.run(["mount", "-o", "remount,bind,ro", path], check=True)
 
     def run(self, *arguments, bus_address=None, **options):
-        """Starts a daemon with these arguments and does not wait for it; `options` are those of subprocess.Popen."""
+        """Starts a daemon with these arguments and does not wait for it; `options` are those of subprocess.Popen, of
+        which `env` adds to the environment."""
         directory = self.folder(f"daemon-{len(self.daemons)}")
         daemon = Daemon(bus_address or self.bus.address, directory, arguments, **options)
         self.daemons.append(daemon)
@@ -311,11 +312,11 @@ class TestBed:
         return self.bus.call(BUS_NAME, path, "org.freedesktop.DBus.Introspectable", "Introspect")[0]
 
     def report(self):
-        """Returns what helps to understand a failure: standard error and journal of every daemon."""
+        """Returns what helps to understand a failure: standard error and the last of the journal of every daemon."""
         lines = []
         for number, daemon in enumerate(self.daemons):
             lines.append(f"daemon {number}, status {daemon.process.poll()}, standard error:\n{daemon.stderr()}")
-            lines += [f"  {message}" for message in daemon.journal()]
+            lines += [f"  {message}" for message in daemon.journal()[-20:]]
         return "\n".join(lines)
 
     def close(self):
