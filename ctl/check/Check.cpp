@@ -54,10 +54,10 @@ std::string fullObjectPath(const ConfigEntry& entry) {
 }
 
 /// Checks the names that are published. An interface that differs from its object's is not one of them.
-void checkNames(const Element& element, bool interfaceDiffers) {
+void checkNames(const Element& element, const PublishedObject& object) {
     ConfigEntry entry = element.entry;
-    if (interfaceDiffers)
-        entry.interface = "Unpublished";
+    if (entry.interface != object.interface)
+        entry.interface = "Unpublished"; // nothing is wrong with this one
     if (const std::string error = introspectionError(entry); !error.empty()) {
         element.report(Kind::introspection, "", "breaks the introspection document: " + error);
         return;
@@ -119,7 +119,7 @@ void checkElement(Element& element, const Options& options, PublishedObjects& ob
     const ConfigEntry& entry = element.entry;
     PublishedObject& object =
         objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}, 0}).first->second;
-    checkNames(element, entry.interface != object.interface);
+    checkNames(element, object);
     checkNeighbours(element, object);
     checkStorage(element);
     if (!options.readsValues)

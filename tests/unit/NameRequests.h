@@ -12,7 +12,7 @@ enum class Answer {
     forward, ///< what the bus library says
 };
 
-extern Answer answer; ///< to the next request
+extern Answer answer; ///< to each request
 extern int made;      ///< requests so far
 extern int released;  ///< releases so far
 
