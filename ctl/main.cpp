@@ -101,13 +101,13 @@ int parseOptions(int argc, char** argv, const char* shortOptions, Arguments& arg
     return optind;
 }
 
-/// Replaces this program by the checker, which lies beside it before it is installed.
+/// Replaces this program by the checker; before it is installed, that lies in the next folder of the build.
 [[noreturn]] void execCheck(const Arguments& arguments, int argc, char** argv) {
     std::array<char, PATH_MAX> self{};
     const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
     const std::string folder = length > 0 ? std::string(self.data()) : "";
-    const std::string beside = folder.substr(0, folder.rfind('/') + 1) + "korvaneinfoctl-check";
-    const std::string program = access(beside.c_str(), X_OK) == 0 ? beside : CHECK_PROGRAM;
+    const std::string built = folder.substr(0, folder.rfind('/') + 1) + "../config/korvaneinfoctl-check";
+    const std::string program = access(built.c_str(), X_OK) == 0 ? built : CHECK_PROGRAM;
 
     std::string name = "korvaneinfoctl check";
     std::string json = "--json";

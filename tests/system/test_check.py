@@ -272,7 +272,7 @@ def test_finding(folder, elements, expected):
 
 
 def test_every_kind_has_a_case():
-    with open(os.path.join(SOURCE_ROOT, "ctl", "check", "Findings.cpp"), encoding="utf-8") as source:
+    with open(os.path.join(SOURCE_ROOT, "config", "Findings.cpp"), encoding="utf-8") as source:
         kinds = set(re.findall(r"KindInfo\{Kind::\w+, \"([a-z-]+)\"", source.read()))
     tested = {re.search(r"\[([a-z-]+)\]$", line).group(1) for _, expected in CASES for line in expected}
     assert len(kinds) > 30
