@@ -1,6 +1,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <sstream>
 #include <string>
 #include <sys/mman.h>
+#include <sys/personality.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -147,6 +149,11 @@ std::string callSystem(const std::string& name) {
              attributes.max_entries = 1;
              return syscall(SYS_bpf, BPF_MAP_CREATE, &attributes, sizeof attributes);
          }},
+        {"chmod-setuid",
+         [] {
+             std::FILE* const file = std::tmpfile();
+             return file == nullptr ? -1 : fchmod(fileno(file), S_ISUID | S_IRWXU);
+         }},
         {"chown", [] { return fchown(Descriptor(open("/var/lib/korvaneinfod", O_RDONLY)), getuid(), getgid()); }},
         {"io_uring_setup",
          [] {
@@ -163,6 +170,7 @@ std::string callSystem(const std::string& name) {
              void* const code = mmap(nullptr, 1, PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
              return code == MAP_FAILED ? -1 : 0;
          }},
+        {"personality", [] { return personality(ADDR_NO_RANDOMIZE); }},
         {"ptrace", [] { return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); }},
         {"sched_setscheduler",
          [] {
