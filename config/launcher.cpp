@@ -149,6 +149,7 @@ struct Result {
 /// Runs the checker, which writes the copy. Kills it when it takes too long.
 Result salvage(const std::string& checker, const std::string& file, const std::string& copy) {
     const std::chrono::seconds wait = patience(copy);
+    std::remove(copy.c_str());
     const Clock::duration time = wait + checkerTime;
     sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
                static_cast<long long>(std::chrono::microseconds(2 * checkerTime + wait).count()));
@@ -213,7 +214,8 @@ int main(int argc, char* argv[]) {
     constexpr int hopeless = 3;
     if (status == hopeless)
         return EX_CONFIG;
-    if (status == 0 || status == errorsFound) {
+    const bool hasCopy = access(copy.c_str(), R_OK) == 0;
+    if (hasCopy && (status == 0 || status == errorsFound)) {
         setStatus("Serving " + result.text + restartRemark(folder));
         file = copy;
     } else {

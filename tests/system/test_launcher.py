@@ -138,7 +138,8 @@ def test_hopeless_configuration_is_told_by_the_exit_status(service, text, status
     assert service.status() == f"{service.folder}/board.json:{status}"
 
 
-@pytest.mark.parametrize("script", ["kill -SEGV $$", "exit 2", "exit 4", "exit 77", "echo partial; kill -KILL $$"])
+@pytest.mark.parametrize("script", ["kill -SEGV $$", "exit 0", "exit 1", "exit 2", "exit 4", "exit 77",
+                                    "echo \"[]\" >$2; echo partial; kill -KILL $$"])
 def test_daemon_gets_the_original_when_the_checker_fails(service, script):
     service.replace_checker(script)
     status, output, complaints = service.start("[5]")

@@ -233,11 +233,11 @@ def test_wrong_usage(folder, arguments, complaint):
 @contextlib.contextmanager
 def folder_below_sys():
     """Hides a folder of /sys by an empty one, away with the test; this process has mounts of its own."""
-    subprocess.run(["mount", "-t", "tmpfs", "test", "/sys/module"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "test", "/sys/kernel"], check=True)
     try:
-        yield "/sys/module"
+        yield "/sys/kernel"
     finally:
-        subprocess.run(["umount", "/sys/module"], check=True)
+        subprocess.run(["umount", "/sys/kernel"], check=True)
 
 
 def test_missing_file_below_sys_is_waited_for(folder):
