@@ -8,31 +8,52 @@
 #include <cerrno>
 #include <fstream>
 #include <map>
+#include <optional>
+#include <set>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 namespace check {
 
 namespace {
 
+/// What earlier elements have declared under one name at one object path.
+struct PublishedProperty {
+    Finding duplicate;       ///< the finding that is made when there is a second one
+    bool isReadable = false; ///< by what one of them says
+    bool isAnswered = false; ///< one of them has the object's interface: the first one answers
+    bool isFatal = false;    ///< the daemon ends over the value of that one
+};
+
 /// What earlier elements have published at one object path.
 struct PublishedObject {
     std::size_t firstElement;
     std::string interface;
-    std::map<std::string, Finding> properties; ///< by name: the finding that is made when there is a second one
-    std::size_t size = 0;                      ///< of all readable values, in bytes
+    std::map<std::string, PublishedProperty> properties; ///< by name
 };
 
-using PublishedObjects = std::map<std::string, PublishedObject>;
+/// What earlier elements have published.
+struct Published {
+    std::map<std::string, PublishedObject> objects; ///< by relative object path
+    std::size_t size = 0;                           ///< of all texts and values, in bytes
+    std::vector<std::size_t> elements;              ///< positions of those elements
+    std::vector<ConfigEntry> entries;               ///< and what they are to the daemon, but for the values
+};
+
+/// Returns the introspection document of these entries.
+std::string introspectionDocument(const std::vector<ConfigEntry>& entries) {
+    std::string xml;
+    ConfigFileParser::getInstance()->entries = entries;
+    dbus::DBusServices::generateXMLFile(xml);
+    ConfigFileParser::getInstance()->entries.clear();
+    return xml;
+}
 
 /// Returns what the daemon's introspection parser says to the element, or nothing when it accepts it.
 std::string introspectionError(const ConfigEntry& entry) {
-    std::string xml;
-    ConfigFileParser::getInstance()->entries = {entry};
-    dbus::DBusServices::generateXMLFile(xml);
-    ConfigFileParser::getInstance()->entries.clear();
     try {
-        Gio::DBus::NodeInfo::create_for_xml(xml);
+        Gio::DBus::NodeInfo::create_for_xml(introspectionDocument({entry}));
         return {};
     } catch (const Glib::Error& error) {
         return error.what();
@@ -83,60 +104,165 @@ void checkNames(const Element& element, const PublishedObject& object) {
         element.report(Kind::answeredAsText, "type", "type " + quoted(entry.type));
 }
 
-/// Checks the element against the earlier ones on its object path, and adds it.
-void checkNeighbours(const Element& element, PublishedObject& object) {
+/// Checks the element against the earlier ones on its object path.
+void checkNeighbours(const Element& element, const PublishedObject& object) {
     const ConfigEntry& entry = element.entry;
     if (entry.interface != object.interface)
         element.report(Kind::interfaceDiffers, "interface",
                        quoted(entry.interface) + " differs from " + quoted(object.interface) + " of element " +
                            std::to_string(object.firstElement) + ", the first one on this object path");
-    const std::string sameAs = " has the same object path and name";
-    const auto [property, isNewName] =
-        object.properties.try_emplace(entry.name, element.finding(Kind::duplicateItem, "name", ""));
-    if (isNewName)
+    const auto property = object.properties.find(entry.name);
+    if (property == object.properties.end())
         return;
     // Both are at fault: the bus library goes by the last declaration, and the daemon by the first entry.
-    Finding earlier = property->second;
+    const std::string sameAs = " has the same object path and name";
+    Finding earlier = property->second.duplicate;
     earlier.reason = "element " + std::to_string(element.position) + sameAs;
     element.findings.push_back(earlier);
     element.report(Kind::duplicateItem, "name", "element " + std::to_string(*earlier.element) + sameAs);
 }
 
-/// Reports a value with which the answer to a client that asks for all properties of the object gets longer than a
-/// message on the system bus may be.
-void checkSize(const Element& element, const std::string& content, PublishedObject& object) {
-    constexpr std::size_t longestMessage = std::size_t{32} << 20U; // the bus daemon's default
-    constexpr std::size_t overhead = 512;                          // of an item and its share of the message
-    object.size += content.size() + element.entry.name.size() + overhead;
-    if (object.size > longestMessage)
-        element.report(Kind::valueTooLong, "path",
-                       "the values of the object have more than " + std::to_string(longestMessage) + " bytes");
+/// Returns how much the element adds to what the daemon holds in memory, many times over.
+std::size_t sizeOf(const ConfigEntry& entry, const std::string& content) {
+    return content.size() + entry.name.size() + entry.interface.size() + entry.objectPath.size() + entry.type.size();
 }
 
-void checkElement(Element& element, const Options& options, PublishedObjects& objects) {
-    if (!checkKeys(element))
+/// Checks the value, and updates what is known of the property. Returns its size.
+std::size_t checkContent(const Element& element, const std::string& content, bool answers, std::size_t sizeSoFar,
+                         PublishedProperty& property) {
+    const std::size_t before = element.findings.size();
+    const bool isSound = checkValue(element, content);
+    if (!property.isReadable)
+        element.findings.resize(before);
+    if (answers)
+        property.isFatal = !isSound;
+    const std::size_t size = sizeOf(element.entry, content);
+    if (sizeSoFar + size > largestTotal)
+        element.report(Kind::valueTooLong, "path",
+                       "up to here, names and values have more than " + std::to_string(largestTotal) + " bytes");
+    return size;
+}
+
+/// Marks the findings for which the element at this position has to be left out, from the given one on. Returns whether
+/// there are any.
+bool markLeftOut(std::vector<Finding>& findings, std::size_t begin, std::size_t position, bool isFatalWhenRead) {
+    bool isLeftOut = false;
+    for (std::size_t i = begin; i < findings.size(); ++i) {
+        const Salvage salvage = kindInfo(findings[i].kind).salvage;
+        findings[i].isLeftOut =
+            findings[i].element == position &&
+            (salvage == Salvage::leavesOut || (salvage == Salvage::leavesOutWhenRead && isFatalWhenRead));
+        isLeftOut = isLeftOut || findings[i].isLeftOut;
+    }
+    if (isLeftOut) // others have no quarrel with an element that is not there
+        findings.erase(std::remove_if(findings.begin() + static_cast<std::ptrdiff_t>(begin), findings.end(),
+                                      [=](const Finding& finding) { return finding.element != position; }),
+                       findings.end());
+    return isLeftOut;
+}
+
+/// Checks an element, and adds it to what is published unless it is left out.
+void checkElement(Element& element, const Options& options, Published& published) {
+    const std::size_t begin = element.findings.size();
+    if (!checkKeys(element)) {
+        if (options.isSalvage)
+            markLeftOut(element.findings, begin, element.position, false);
         return;
+    }
     const ConfigEntry& entry = element.entry;
-    PublishedObject& object =
-        objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}, 0}).first->second;
+    const auto [known, isNew] =
+        published.objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}});
+    PublishedObject& object = known->second;
     checkNames(element, object);
     checkNeighbours(element, object);
     checkStorage(element);
-    if (!options.readsValues)
+
+    const auto earlier = object.properties.find(entry.name);
+    PublishedProperty property = earlier == object.properties.end()
+                                     ? PublishedProperty{element.finding(Kind::duplicateItem, "name", "")}
+                                     : earlier->second;
+    const bool answers = entry.interface == object.interface && !property.isAnswered;
+    property.isReadable = property.isReadable || element.isReadable();
+    property.isAnswered = property.isAnswered || answers;
+    std::size_t size = sizeOf(entry, "");
+    if (options.readsValues)
+        if (const auto content = checkValueFile(element, options))
+            size = checkContent(element, *content, answers, published.size, property);
+    if (options.isSalvage &&
+        markLeftOut(element.findings, begin, element.position, property.isReadable && property.isFatal)) {
+        if (isNew)
+            published.objects.erase(known);
         return;
-    const auto content = checkValueFile(element, options);
-    if (!content || !element.isReadable())
-        return;
-    checkValue(element, *content);
-    checkSize(element, *content, object);
+    }
+    object.properties.insert_or_assign(entry.name, property);
+    published.size += size;
+    published.elements.push_back(element.position);
+    published.entries.push_back(entry);
+}
+
+/// Whether the bus library takes in these entries together. Each may be fine by itself, and yet have a name with which
+/// it ends the markup of another.
+bool areAccepted(const std::vector<ConfigEntry>& entries) {
+    try {
+        const auto document = Gio::DBus::NodeInfo::create_for_xml(introspectionDocument(entries));
+        std::set<std::pair<std::string, std::string>> registered;
+        const auto isRegistered = [&](const GDBusNodeInfo& node) {
+            for (GDBusInterfaceInfo** interface = node.interfaces; interface != nullptr && *interface != nullptr;
+                 ++interface)
+                if (node.path == nullptr || g_variant_is_object_path(node.path) == FALSE ||
+                    g_dbus_is_interface_name((*interface)->name) == FALSE ||
+                    !registered.emplace(node.path, (*interface)->name).second)
+                    return false;
+            return true;
+        };
+        bool areRegistered = isRegistered(*document->gobj());
+        for (GDBusNodeInfo** node = document->gobj()->nodes; areRegistered && node != nullptr && *node != nullptr;
+             ++node)
+            areRegistered = isRegistered(**node);
+        return areRegistered;
+    } catch (const Glib::Error&) {
+        return false;
+    }
+}
+
+/// Returns the position of an element that makes the entries up to and with it unacceptable, if all together are.
+std::optional<std::size_t> findCulprit(const Published& published) {
+    const auto first = [&](std::size_t count) {
+        return std::vector<ConfigEntry>(published.entries.begin(),
+                                        published.entries.begin() + static_cast<std::ptrdiff_t>(count));
+    };
+    std::size_t accepted = 0;
+    std::size_t refused = published.entries.size();
+    if (areAccepted(published.entries))
+        return std::nullopt;
+    while (refused - accepted > 1) {
+        const std::size_t middle = accepted + (refused - accepted) / 2;
+        (areAccepted(first(middle)) ? accepted : refused) = middle;
+    }
+    return published.elements[accepted];
+}
+
+/// Checks all elements. A salvage does so without those that earlier rounds have found at fault, of which it knows.
+Published checkElements(const Document& document, const Options& options, const std::set<std::size_t>& culprits,
+                        std::vector<Finding>& findings) {
+    Published published;
+    for (Json::ArrayIndex i = 0; i < document.root().size(); ++i) {
+        Element element{document, document.root()[i], i, findings, {}};
+        if (culprits.count(i) == 0) {
+            checkElement(element, options, published);
+        } else if (checkKeys(element)) {
+            element.report(Kind::introspection, "", "breaks the introspection document of the other elements");
+            findings.back().isLeftOut = true;
+        }
+    }
+    return published;
 }
 
 } // namespace
 
-std::vector<Finding> checkText(const std::string& file, const std::string& text, const Options& options) {
+std::vector<Finding> checkDocument(const std::string& file, const Document& document, const Options& options) {
     Gio::init();
-    std::vector<Finding> findings;
-    const Document document(text, findings);
+    std::vector<Finding> findings = document.findings();
     const Json::Value& root = document.root();
     if (document.isValid() && !root.isArray()) {
         Finding finding{};
@@ -145,10 +271,13 @@ std::vector<Finding> checkText(const std::string& file, const std::string& text,
         finding.reason = "the document is " + typeName(root) + ", not an array";
         findings.push_back(finding);
     } else if (document.isValid()) {
-        PublishedObjects objects;
-        for (Json::ArrayIndex i = 0; i < root.size(); ++i) {
-            Element element{document, root[i], i, findings, {}};
-            checkElement(element, options, objects);
+        const std::size_t begin = findings.size();
+        std::set<std::size_t> culprits;
+        Published published = checkElements(document, options, culprits, findings);
+        while (const auto culprit = options.isSalvage ? findCulprit(published) : std::nullopt) {
+            culprits.insert(*culprit);
+            findings.resize(begin);
+            published = checkElements(document, options, culprits, findings);
         }
     }
     std::stable_sort(findings.begin(), findings.end(),
@@ -156,9 +285,13 @@ std::vector<Finding> checkText(const std::string& file, const std::string& text,
     for (Finding& finding : findings) {
         finding.file = file;
         finding.reason = printable(finding.reason); // the libraries' messages quote the file as it is
-        finding.severity = kindInfo(finding.kind).severity;
+        finding.severity = finding.isLeftOut ? Severity::error : kindInfo(finding.kind).severity;
     }
     return findings;
+}
+
+std::vector<Finding> checkText(const std::string& file, const std::string& text, const Options& options) {
+    return checkDocument(file, Document(text), options);
 }
 
 std::vector<Finding> checkFile(const std::string& file, const Options& options) {
@@ -166,14 +299,8 @@ std::vector<Finding> checkFile(const std::string& file, const Options& options) 
     std::ostringstream text;
     std::ifstream stream(file);
     text << stream.rdbuf();
-    if (!stream.is_open() || (text.fail() && errno != 0)) {
-        Finding finding{};
-        finding.kind = Kind::unreadableFile;
-        finding.file = file;
-        finding.reason = std::generic_category().message(errno);
-        finding.severity = kindInfo(finding.kind).severity;
-        return {finding};
-    }
+    if (!stream.is_open() || (text.fail() && errno != 0))
+        return {unreadable(file, std::generic_category().message(errno))};
     return checkText(file, text.str(), options);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Document.h"
 #include "Findings.h"
 
 #include <string>
@@ -12,10 +13,14 @@ namespace check {
 struct Options {
     std::string root;        ///< folder below which value files are looked for; empty: this machine's own
     bool readsValues = true; ///< false: value files are not touched
+    bool isSalvage = false;  ///< elements that are at fault are left out, and the others judged without them
 };
 
 /// Checks a configuration file; returns what was found, in the order of the file.
 std::vector<Finding> checkFile(const std::string& file, const Options& options);
+
+/// Checks a configuration that has been read already; `file` is only its name in the findings.
+std::vector<Finding> checkDocument(const std::string& file, const Document& document, const Options& options);
 
 /// Checks a configuration given as text; `file` is only its name in the findings.
 std::vector<Finding> checkText(const std::string& file, const std::string& text, const Options& options);

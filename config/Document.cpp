@@ -4,6 +4,8 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <string_view>
+#include <utility>
 
 namespace check {
 
@@ -44,23 +46,34 @@ void findSwallowed(Kind kind, const char* setting, const std::string& text, std:
 
 } // namespace
 
-Document::Document(const std::string& text, std::vector<Finding>& findings) {
+Document::Document(std::string text) : source(std::move(text)) {
+    constexpr std::string_view mark = "\xef\xbb\xbf";
+    byteOrderMark = source.compare(0, mark.size(), mark) == 0 ? mark.size() : 0;
     // As the library counts lines in its own complaints: a carriage return alone ends one, too.
-    for (std::size_t at = text.find_first_of("\r\n"); at != std::string::npos; at = text.find_first_of("\r\n", at + 1))
-        if (text.compare(at, 2, "\r\n") != 0)
+    for (std::size_t at = source.find_first_of("\r\n"); at != std::string::npos;
+         at = source.find_first_of("\r\n", at + 1))
+        if (source.compare(at, 2, "\r\n") != 0)
             lineEnds.push_back(at);
-    if (auto finding = parse(Json::CharReaderBuilder(), text, rootValue)) {
+    if (auto finding = parse(Json::CharReaderBuilder(), source, rootValue)) {
         finding->kind = Kind::syntax;
-        findings.push_back(*finding);
+        complaints.push_back(*finding);
         return;
     }
     valid = true;
-    findSwallowed(Kind::duplicateKey, "rejectDupKeys", text, findings);
-    findSwallowed(Kind::trailingText, "failIfExtra", text, findings);
+    findSwallowed(Kind::duplicateKey, "rejectDupKeys", source, complaints);
+    findSwallowed(Kind::trailingText, "failIfExtra", source, complaints);
+}
+
+std::size_t Document::beginOf(const Json::Value& value) const {
+    return byteOrderMark + static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetStart(), 0));
+}
+
+std::size_t Document::endOf(const Json::Value& value) const {
+    return byteOrderMark + static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetLimit(), 0));
 }
 
 std::size_t Document::lineOf(const Json::Value& value) const {
-    const auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetStart(), 0));
+    const std::size_t offset = beginOf(value);
     return 1 + static_cast<std::size_t>(std::lower_bound(lineEnds.begin(), lineEnds.end(), offset) - lineEnds.begin());
 }
 

@@ -10,8 +10,11 @@
 
 namespace check {
 
-/// Longest "fuses" value, in bytes, whose hexadecimal digits fit into a message on the system bus.
-constexpr std::uint32_t longestFuses = (1U << 24U) - 1024;
+/// Most bytes that all names and values may have together: the daemon, which holds each of them many times over, then
+/// stays below the memory limit of its service, and every answer fits into a message on the bus.
+constexpr std::size_t largestTotal = std::size_t{8} << 20U;
+/// Longest configuration, in bytes, that the daemon can parse below that limit.
+constexpr std::size_t largestConfiguration = std::size_t{2} << 20U;
 
 /// One element of the configuration under check: what the daemon makes of it, and a way to report.
 struct Element {

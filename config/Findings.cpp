@@ -3,6 +3,7 @@
 #include <array>
 #include <glib.h>
 #include <json/json.h>
+#include <systemd/sd-daemon.h>
 
 namespace check {
 
@@ -19,29 +20,31 @@ constexpr std::array kinds{
     KindInfo{Kind::topLevelIgnored, "top-level-ignored", warning, "write an array of objects, nothing is published"},
     KindInfo{Kind::duplicateKey, "duplicate-key", warning, "remove one of them, only the last one counts"},
     KindInfo{Kind::trailingText, "trailing-text", warning, "remove it, the daemon ignores it"},
-    KindInfo{Kind::elementType, "element-type", error, "write an object, the daemon ends at start"},
-    KindInfo{Kind::wrongType, "wrong-type", error, "correct the type, the daemon ends at start"},
+    KindInfo{Kind::elementType, "element-type", error, "write an object, the daemon ends at start", Salvage::leavesOut},
+    KindInfo{Kind::wrongType, "wrong-type", error, "correct the type, the daemon ends at start", Salvage::leavesOut},
     KindInfo{Kind::oddType, "odd-type", warning, "write the type that is meant"},
     KindInfo{Kind::unknownKey, "unknown-key", warning, "correct or remove it, the daemon ignores it"},
     KindInfo{Kind::introspection, "introspection", error,
-             "use letters, digits and underscores, the daemon ends at start"},
+             "use letters, digits and underscores, the daemon ends at start", Salvage::leavesOut},
     KindInfo{Kind::objectPath, "object-path", error,
-             "use letters, digits and underscores with single slashes between, the daemon ends at start"},
+             "use letters, digits and underscores with single slashes between, the daemon ends at start",
+             Salvage::leavesOut},
     KindInfo{Kind::interfaceName, "interface-name", error,
-             "use letters, digits and underscores, not a digit first, the daemon ends at start"},
+             "use letters, digits and underscores, not a digit first, the daemon ends at start", Salvage::leavesOut},
     KindInfo{Kind::propertyName, "property-name", error,
              "use letters, digits and underscores, not a digit first, many clients refuse other names"},
     KindInfo{Kind::signature, "signature", error, R"(write one complete D-Bus type such as "s", "u" or "b")"},
     KindInfo{Kind::interfaceDiffers, "interface-differs", error,
              "give all items of an object path the same interface, clients cannot reach this one"},
     KindInfo{Kind::duplicateItem, "duplicate-item", error,
-             "rename or remove one of them, clients cannot tell them apart"},
+             "rename or remove one of them, clients cannot tell them apart", Salvage::leavesOutWhenRead},
     KindInfo{Kind::valueNumber, "value-number", error,
-             R"(correct the value or use type "s", the daemon ends when a client reads the item)"},
+             R"(correct the value or use type "s", the daemon ends when a client reads the item)",
+             Salvage::leavesOutWhenRead},
     KindInfo{Kind::valueEncoding, "value-encoding", error,
-             "correct the value, the daemon ends when a client reads the item"},
-    KindInfo{Kind::valueTooLong, "value-too-long", error,
-             "shorten it, the bus disconnects the daemon when a client reads it"},
+             "correct the value, the daemon ends when a client reads the item", Salvage::leavesOutWhenRead},
+    KindInfo{Kind::valueTooLong, "value-too-long", error, "shorten it, the daemon runs out of memory",
+             Salvage::leavesOut},
     KindInfo{Kind::valuePart, "value-part", warning, R"(correct the value or use type "s")"},
     KindInfo{Kind::valueNul, "value-nul", warning, "remove the NUL, clients see only the text before it"},
     KindInfo{Kind::valueBoolean, "value-boolean", warning, R"(only the text "true" is published as true)"},
@@ -57,9 +60,11 @@ constexpr std::array kinds{
     KindInfo{Kind::unknownLocation, "unknown-location", warning, R"(write "par" or "fuses", the value stays empty)"},
     KindInfo{Kind::relativePath, "relative-path", warning,
              "write an absolute path, the daemon looks from its own working directory"},
-    KindInfo{Kind::valueFile, "value-file", warning, "correct the path, the value is read as empty or zero"},
+    KindInfo{Kind::valueFile, "value-file", warning, "correct the path, the value is read as empty"},
+    KindInfo{Kind::fuseFile, "fuse-file", warning, "correct the path, the value is read as zeros", Salvage::leavesOut},
     KindInfo{Kind::valueFileKind, "value-file-kind", warning,
-             "name a regular file, reading this one may block or never end; its value is not checked"},
+             "name a regular file, reading this one may block or never end; its value is not checked",
+             Salvage::leavesOut},
     KindInfo{Kind::fuseLength, "fuse-length", warning, "give the number of bytes, the value is always 0"},
     KindInfo{Kind::fuseEnd, "fuse-end", warning,
              R"(correct "offset" or "length", missing bytes are zero or repeat the last one)"},
@@ -84,23 +89,42 @@ constexpr bool inOrder() {
 }
 static_assert(inOrder());
 
+/// Whether a character changes the order in which the ones around it are shown.
+bool isBidirectionalControl(gunichar character) {
+    return character == 0x061c || character == 0x200e || character == 0x200f ||
+           (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+}
+
 const char* severityText(const Finding& finding) { return finding.severity == error ? "error" : "warning"; }
 
 } // namespace
 
+Finding unreadable(const std::string& file, const std::string& reason) {
+    Finding finding{};
+    finding.kind = Kind::unreadableFile;
+    finding.file = file;
+    finding.reason = reason;
+    finding.severity = kindInfo(finding.kind).severity;
+    return finding;
+}
+
 std::string printable(const std::string& text) {
     static constexpr std::array digits{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
-    const gchar* invalid = nullptr;
-    const bool valid = g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &invalid) != FALSE;
+    const bool isUtf8 = g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
     std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f || (byte >= 0x80 && !valid)) {
+    for (std::size_t at = 0, size = 0; at < text.size(); at += size) {
+        size = isUtf8 ? static_cast<std::size_t>(g_utf8_skip[static_cast<unsigned char>(text[at])]) : 1;
+        const bool isAscii = static_cast<unsigned char>(text[at]) < 0x80;
+        const gunichar character = isUtf8 ? g_utf8_get_char(&text[at]) : static_cast<unsigned char>(text[at]);
+        if ((isUtf8 || isAscii) && !g_unichar_iscntrl(character) && !isBidirectionalControl(character)) {
+            result.append(text, at, size);
+            continue;
+        }
+        for (std::size_t i = at; i < at + size; ++i) {
+            const auto byte = static_cast<unsigned char>(text[i]);
             result += "\\x";
             result += digits[byte / 16U];
             result += digits[byte % 16U];
-        } else {
-            result += c;
         }
     }
     return result;
@@ -120,20 +144,28 @@ std::string excerpt(const std::string& text) {
     return quoted(text.substr(0, end)) + "...";
 }
 
-void writeText(std::ostream& out, const std::vector<Finding>& findings) {
+std::string describe(const Finding& finding) {
+    std::string text;
+    if (finding.element)
+        text += "element " + std::to_string(*finding.element) +
+                (finding.name.empty() ? "" : " " + quoted(finding.name)) + ": ";
+    if (!finding.key.empty())
+        text += quoted(finding.key) + ": ";
+    return text + finding.reason;
+}
+
+void writeText(std::ostream& out, const std::vector<Finding>& findings, bool hasPriorities) {
     for (const Finding& finding : findings) {
-        out << finding.file << ':';
+        if (hasPriorities)
+            out << (finding.severity == error ? SD_ERR : SD_WARNING);
+        out << printable(finding.file) << ':';
         if (finding.line != 0)
             out << finding.line << ':';
         if (finding.column != 0)
             out << finding.column << ':';
-        out << ' ' << severityText(finding) << ": ";
-        if (finding.element)
-            out << "element " << *finding.element << (finding.name.empty() ? "" : " " + quoted(finding.name)) << ": ";
-        if (!finding.key.empty())
-            out << quoted(finding.key) << ": ";
         const KindInfo& kind = kindInfo(finding.kind);
-        out << finding.reason << "; " << kind.remedy << " [" << kind.id << "]\n";
+        out << ' ' << severityText(finding) << ": " << (finding.isLeftOut ? "left out: " : "") << describe(finding)
+            << "; " << kind.remedy << " [" << kind.id << "]\n";
     }
 }
 
@@ -152,6 +184,8 @@ void writeJson(std::ostream& out, const std::vector<Finding>& findings) {
         object["kind"] = kind.id;
         object["reason"] = finding.reason;
         object["remedy"] = kind.remedy;
+        if (finding.isLeftOut)
+            object["leftOut"] = true;
         array.append(object);
     }
     Json::StreamWriterBuilder builder;

@@ -44,6 +44,7 @@ enum class Kind {
     unknownLocation,
     relativePath,
     valueFile,
+    fuseFile,
     valueFileKind,
     fuseLength,
     fuseEnd,
@@ -56,12 +57,20 @@ enum class Kind {
     translateValue,
 };
 
+/// What a salvage does with an element about which there is such a finding.
+enum class Salvage {
+    keeps,             ///< the element harms only itself
+    leavesOutWhenRead, ///< leaves it out when the daemon would end over a read of its property
+    leavesOut,
+};
+
 /// One row of the table of kinds.
 struct KindInfo {
     Kind kind;
     const char* id;     ///< stable name of the kind, for programs
     Severity severity;  ///< error: the daemon does not start, ends, or an item cannot be read; warning: a surprise
     const char* remedy; ///< what to do about it
+    Salvage salvage = Salvage::keeps;
 };
 
 /// Returns the row of a kind.
@@ -78,7 +87,11 @@ struct Finding {
     std::string key;                    ///< of the element; empty: the element or the document as a whole
     std::string reason;                 ///< what is wrong with this very place
     Severity severity = Severity::error;
+    bool isLeftOut = false; ///< the salvaged copy lacks the element because of this
 };
+
+/// Returns the finding about a configuration file that cannot be read.
+Finding unreadable(const std::string& file, const std::string& reason);
 
 /// Returns a text with control characters and everything but UTF-8 escaped.
 std::string printable(const std::string& text);
@@ -89,8 +102,12 @@ std::string quoted(const std::string& text);
 /// Returns the beginning of a text in double quotes.
 std::string excerpt(const std::string& text);
 
-/// Writes the findings like a compiler's, one a line.
-void writeText(std::ostream& out, const std::vector<Finding>& findings);
+/// Returns a finding in the words for people: the element, the key and the reason.
+std::string describe(const Finding& finding);
+
+/// Writes the findings like a compiler's, one a line; with the prefixes by which the journal knows priorities on
+/// demand.
+void writeText(std::ostream& out, const std::vector<Finding>& findings, bool hasPriorities = false);
 
 /// Writes the findings as one JSON array of objects.
 void writeJson(std::ostream& out, const std::vector<Finding>& findings);

@@ -209,9 +209,10 @@ void checkFuses(const Element& element) {
         element.report(Kind::hugeLength, "length", std::to_string(entry.length) + " bytes");
     else if (entry.length == 4 && isInteger && element.isReadable() && !element.json["translate"]["*"].isString())
         element.report(Kind::fuseRange, "type", "4 bytes can hold a value above 2147483647");
-    if (entry.length > longestFuses)
+    if (entry.length > largestTotal / 2)
         element.report(Kind::valueTooLong, "length",
-                       std::to_string(entry.length) + " bytes do not fit into a message on the system bus");
+                       std::to_string(entry.length) + " bytes have more than " + std::to_string(largestTotal) +
+                           " digits");
     if (entry.isWrite)
         element.report(Kind::writableFuses, "write", "the item is in fuses");
     checkOffset(element);

@@ -57,12 +57,15 @@ void checkNumberText(const Element& element, const std::string& content, const G
                        "the value " + excerpt(content) + " is published as " + published.print().raw());
 }
 
-void checkText(const Element& element, const std::string& content) {
+/// Returns false when the daemon ends over a read of the text.
+bool checkText(const Element& element, const std::string& content) {
     // As far as GLib reads it, which complains of bad text aloud before the daemon ends over it.
-    if (g_utf8_validate(content.c_str(), -1, nullptr) == FALSE)
+    const bool isUtf8 = g_utf8_validate(content.c_str(), -1, nullptr) != FALSE;
+    if (!isUtf8)
         element.report(Kind::valueEncoding, "type", "the value " + excerpt(content) + " is not UTF-8");
     if (content.find('\0') != std::string::npos)
         element.report(Kind::valueNul, "type", "the value " + excerpt(content) + " holds a NUL");
+    return isUtf8;
 }
 
 } // namespace
@@ -70,7 +73,7 @@ void checkText(const Element& element, const std::string& content) {
 std::optional<std::string> checkValueFile(const Element& element, const Options& options) {
     const ConfigEntry& entry = element.entry;
     const bool isFuses = entry.location == "fuses";
-    if (entry.length > longestFuses && isFuses)
+    if (isFuses && entry.length > largestTotal / 2)
         return std::nullopt;
     if (entry.isWrite && !entry.path.empty()) {
         const std::string obstacle = ValueFile::writeObstacle(options.root, entry.path);
@@ -87,16 +90,16 @@ std::optional<std::string> checkValueFile(const Element& element, const Options&
         return std::nullopt;
     }
     if (entry.path.empty())
-        element.report(Kind::valueFile, "path", "is missing");
+        element.report(isFuses ? Kind::fuseFile : Kind::valueFile, "path", "is missing");
     else if (file.error != 0)
-        element.report(Kind::valueFile, "path",
+        element.report(isFuses ? Kind::fuseFile : Kind::valueFile, "path",
                        "cannot read " + quoted(entry.path) + ": " + std::generic_category().message(file.error));
     else if (isFuses)
         checkFuseBytes(element, file);
     return readCopy(element, file);
 }
 
-void checkValue(const Element& element, const std::string& content) {
+bool checkValue(const Element& element, const std::string& content) {
     const std::string& type = element.entry.type;
     if (type.empty() || std::string_view("bdiu").find(type.front()) == std::string_view::npos)
         return checkText(element, content);
@@ -109,9 +112,12 @@ void checkValue(const Element& element, const std::string& content) {
     } catch (const std::out_of_range&) {
         element.report(Kind::valueNumber, "type",
                        "the value " + excerpt(content) + " is out of range for type " + quoted(type));
+        return false;
     } catch (const std::invalid_argument&) {
         element.report(Kind::valueNumber, "type", "the value " + excerpt(content) + " does not begin with a number");
+        return false;
     }
+    return true;
 }
 
 } // namespace check

@@ -130,6 +130,10 @@ ValueFile read(const std::string& root, const std::string& path, std::size_t sta
 
 bool isSkipped(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
+ValueFile ValueFile::readAll(const std::string& root, const std::string& path) {
+    return read(root, path, 0, [](std::string_view /*piece*/) { return false; });
+}
+
 ValueFile ValueFile::readLine(const std::string& root, const std::string& path) {
     return read(root, path, 0, [](std::string_view piece) { return piece.find('\n') != std::string_view::npos; });
 }
@@ -169,8 +173,10 @@ MemoryFile::MemoryFile(const ValueFile& file) : descriptor(memfd_create("value",
             break;
         written += static_cast<std::size_t>(count);
     }
-    if (descriptor < 0 || written < file.bytes.size())
+    if (descriptor < 0 || written < file.bytes.size()) {
+        close(descriptor);
         throw std::system_error(errno, std::generic_category(), "cannot copy a value file");
+    }
 }
 
 MemoryFile::~MemoryFile() { close(descriptor); }

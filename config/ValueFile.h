@@ -14,13 +14,16 @@ bool isSkipped(char byte);
 /// Nothing but regular files is opened, none is waited for, and no more than `limit` bytes are read, so that a check
 /// always ends and touches no device.
 struct ValueFile {
-    static constexpr std::size_t limit = std::size_t{40} << 20U; ///< more than a bus message can carry
+    static constexpr std::size_t limit = std::size_t{9} << 20U; ///< more than the daemon has the memory for
 
     int error = 0;                ///< errno of the failure to find or read the file; 0: read
     std::string notRegular;       ///< what the file is when reading it may block or never end
     bool isAtRuntimeOnly = false; ///< an image was asked for, and the path is on a board's virtual file systems
     std::size_t start = 0;        ///< offset of `bytes` in the file
     std::string bytes;            ///< up to the end of the file, of what the daemon reads, or to the limit
+
+    /// Reads all of it.
+    static ValueFile readAll(const std::string& root, const std::string& path);
 
     /// Reads the first line, line feed included.
     static ValueFile readLine(const std::string& root, const std::string& path);

@@ -1,21 +1,35 @@
-#include "Check.h"
+#include "Salvage.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <getopt.h>
 #include <iostream>
 #include <iterator>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 
 namespace {
 
 constexpr int exitErrors = 1;
 constexpr int exitUsage = 2;
+constexpr int exitHopeless = 3;
+constexpr int exitNoOutput = 4;
 
 struct Arguments {
     check::Options options;
     bool isJson = false;
     bool isStrict = false;
     bool isHelp = false;
+    std::string salvage; ///< path of the salvaged copy; empty: none is wanted
+    std::chrono::seconds patience{0};
     std::vector<std::string> files;
 };
 
@@ -27,17 +41,50 @@ void printUsage(std::ostream& out) {
            "      --werror     make every warning an error\n"
            "      --root DIR   look for value files below DIR\n"
            "      --no-values  leave value files alone\n"
+           "      --salvage OUTPUT\n"
+           "                   write a copy without the elements that would end the daemon\n"
+           "      --wait SECONDS\n"
+           "                   before that, wait for missing value files below /sys\n"
            "  -h, --help       show this help\n";
+}
+
+/// Reads a number of seconds, up to a day. Returns false when the text is none.
+bool parseSeconds(const char* text, std::chrono::seconds& seconds) {
+    constexpr int day = 86400;
+    int number = 0;
+    const char* const end = text + std::strlen(text);
+    const auto [rest, error] = std::from_chars(text, end, number);
+    seconds = std::chrono::seconds(number);
+    return error == std::errc() && rest == end && number >= 0 && number <= day;
+}
+
+/// Returns what is wrong with the operands and with the options together; empty: nothing.
+std::string usageError(const Arguments& arguments) {
+    std::error_code ignored;
+    const std::string& root = arguments.options.root;
+    if (!root.empty() && !std::filesystem::is_directory(root, ignored))
+        return "--root: " + root + " is no folder";
+    if (arguments.files.empty())
+        return "no file given";
+    if (arguments.salvage.empty())
+        return arguments.patience.count() == 0 ? "" : "--wait goes with --salvage";
+    if (arguments.files.size() != 1)
+        return "--salvage takes one file";
+    if (std::filesystem::equivalent(arguments.files.front(), arguments.salvage, ignored))
+        return "--salvage: " + arguments.salvage + " is the file to be salvaged";
+    return "";
 }
 
 /// Returns false when the command line is wrong; it has been complained of then.
 bool parse(int argc, char** argv, Arguments& arguments) {
-    enum : int { json = 256, werror, rootFolder, noValues };
-    const std::array<option, 6> options{{
+    enum : int { json = 256, werror, rootFolder, noValues, salvage, wait };
+    const std::array<option, 8> options{{
         {"json", no_argument, nullptr, json},
         {"werror", no_argument, nullptr, werror},
         {"root", required_argument, nullptr, rootFolder},
         {"no-values", no_argument, nullptr, noValues},
+        {"salvage", required_argument, nullptr, salvage},
+        {"wait", required_argument, nullptr, wait},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     }};
@@ -56,6 +103,15 @@ bool parse(int argc, char** argv, Arguments& arguments) {
         case noValues:
             arguments.options.readsValues = false;
             break;
+        case salvage:
+            arguments.salvage = optarg;
+            break;
+        case wait:
+            if (!parseSeconds(optarg, arguments.patience)) {
+                std::cerr << argv[0] << ": --wait: " << optarg << " is no number of seconds\n";
+                return false;
+            }
+            break;
         case 'h':
             arguments.isHelp = true;
             break;
@@ -63,21 +119,73 @@ bool parse(int argc, char** argv, Arguments& arguments) {
             return false;
         }
     }
-    const std::string& root = arguments.options.root;
-    std::error_code ignored;
-    if (!root.empty() && !std::filesystem::is_directory(root, ignored)) {
-        std::cerr << argv[0] << ": --root: " << root << " is no folder\n";
-        return false;
-    }
     arguments.files.assign(argv + optind, argv + argc);
-    if (arguments.files.empty() && !arguments.isHelp)
-        std::cerr << argv[0] << ": no file given\n";
-    return !arguments.files.empty() || arguments.isHelp;
+    const std::string error = arguments.isHelp ? "" : usageError(arguments);
+    if (!error.empty())
+        std::cerr << argv[0] << ": " << error << '\n';
+    return error.empty();
+}
+
+bool hasErrors(const std::vector<check::Finding>& findings) {
+    return std::any_of(findings.begin(), findings.end(),
+                       [](const auto& finding) { return finding.severity == check::Severity::error; });
+}
+
+void makeErrors(std::vector<check::Finding>& findings) {
+    for (check::Finding& finding : findings)
+        finding.severity = check::Severity::error;
+}
+
+/// Whether standard error goes to the journal, which then takes priorities from the beginnings of lines.
+bool isJournalStream() {
+    const char* const stream = std::getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe)
+    struct stat status {};
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+/// Checks all files, one by one. Returns the exit status.
+int checkFiles(const Arguments& arguments) {
+    std::vector<check::Finding> findings;
+    for (const std::string& file : arguments.files) {
+        std::vector<check::Finding> found = check::checkFile(file, arguments.options);
+        findings.insert(findings.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+    }
+    if (arguments.isStrict)
+        makeErrors(findings);
+    if (arguments.isJson)
+        check::writeJson(std::cout, findings);
+    else
+        check::writeText(std::cout, findings);
+    return hasErrors(findings) ? exitErrors : 0;
+}
+
+/// Writes the salvaged copy; the findings go to standard error, and standard output says in a line what has been kept.
+/// Returns the exit status.
+int salvageFile(const Arguments& arguments) {
+    check::Salvaged salvaged =
+        check::salvageFile(arguments.files.front(), arguments.options, arguments.patience, std::cout);
+    if (arguments.isStrict)
+        makeErrors(salvaged.findings);
+    if (arguments.isJson)
+        check::writeJson(std::cerr, salvaged.findings);
+    else
+        check::writeText(std::cerr, salvaged.findings, isJournalStream());
+    std::cout << salvaged.summary() << std::endl;
+    if (!salvaged.text)
+        return exitHopeless;
+    std::ofstream output(arguments.salvage, std::ios::binary);
+    output << *salvaged.text << std::flush;
+    if (!output) {
+        std::cerr << "cannot write " << arguments.salvage << ": " << std::generic_category().message(errno) << '\n';
+        return exitNoOutput;
+    }
+    return hasErrors(salvaged.findings) ? exitErrors : 0;
 }
 
 } // namespace
 
-/// Usage: korvaneinfoctl-check [OPTION]... FILE...; run by korvaneinfoctl.
+/// Usage: korvaneinfoctl-check [OPTION]... FILE...; run by korvaneinfoctl, and before each start of the service.
 int main(int argc, char* argv[]) {
     Arguments arguments;
     if (!parse(argc, argv, arguments)) {
@@ -88,19 +196,5 @@ int main(int argc, char* argv[]) {
         printUsage(std::cout);
         return 0;
     }
-    std::vector<check::Finding> findings;
-    bool hasErrors = false;
-    for (const std::string& file : arguments.files) {
-        for (check::Finding& finding : check::checkFile(file, arguments.options)) {
-            if (arguments.isStrict)
-                finding.severity = check::Severity::error;
-            hasErrors = hasErrors || finding.severity == check::Severity::error;
-            findings.push_back(std::move(finding));
-        }
-    }
-    if (arguments.isJson)
-        check::writeJson(std::cout, findings);
-    else
-        check::writeText(std::cout, findings);
-    return hasErrors ? exitErrors : 0;
+    return arguments.salvage.empty() ? checkFiles(arguments) : salvageFile(arguments);
 }

@@ -1,0 +1,229 @@
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <poll.h>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <sysexits.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr std::chrono::seconds checkerTime(10); ///< more than the checker needs, besides what it waits for files
+
+std::string variable(const char* name) {
+    const char* const value = std::getenv(name); // NOLINT(concurrency-mt-unsafe)
+    return value == nullptr ? "" : value;
+}
+
+void setStatus(const std::string& text) { sd_notify(0, ("STATUS=" + text).c_str()); }
+
+void complain(const std::string& text) { std::cerr << SD_WARNING << "korvaneinfod-launch: " << text << std::endl; }
+
+/// The file that says how the daemon has ended the last time; there is none after an orderly stop.
+std::string lastEndFile(const std::string& folder) { return folder + "/last-end"; }
+
+/// Returns how the daemon has ended, of which the service manager tells in the environment; empty: it was stopped.
+std::string describeEnd() {
+    const std::string result = variable("SERVICE_RESULT");
+    const std::string code = variable("EXIT_CODE");
+    const std::string status = variable("EXIT_STATUS");
+    if (result == "timeout")
+        return "the daemon did not start or end in time";
+    if (code == "killed" && status == "KILL")
+        return "the daemon was killed, which also happens when it runs out of memory";
+    if (result == "success" && code == "killed")
+        return "";
+    if (code == "killed" || code == "dumped")
+        return "the daemon ended by signal " + status;
+    if (status == "0")
+        return "the daemon ended by itself: its name was taken or refused, or the bus ended";
+    return "the daemon ended with status " + status;
+}
+
+/// Sets the status after the daemon has ended, and keeps the reason for the status of the next start.
+int noteEnd(const std::string& folder) {
+    std::remove(lastEndFile(folder).c_str());
+    const std::string end = describeEnd();
+    const bool isTold = variable("EXIT_STATUS") == std::to_string(EX_CONFIG); // by this program itself
+    if (end.empty() || isTold)
+        return 0;
+    std::ofstream(lastEndFile(folder)) << end << '\n';
+    setStatus(end);
+    return 0;
+}
+
+/// Returns the remark about the last end that a status ends with.
+std::string restartRemark(const std::string& folder) {
+    std::ifstream file(lastEndFile(folder));
+    std::string end;
+    return std::getline(file, end) ? "; restarted, since " + end : "";
+}
+
+/// Lets a start wait when many have gone before it, so that a daemon that cannot stay up costs the board little. The
+/// service manager would have to give up after a number of starts, and could be made to by whoever can end the daemon.
+void slowDown(const std::string& folder) {
+    constexpr Seconds window(30);
+    constexpr std::size_t freeStarts = 10;
+    constexpr Seconds step(0.25);
+    constexpr Seconds longestPause(1.5);
+    const std::string name = folder + "/starts";
+    const double now = Seconds(Clock::now().time_since_epoch()).count();
+    std::ifstream file(name);
+    std::vector<double> starts{std::istream_iterator<double>(file), {}};
+    starts.erase(std::remove_if(starts.begin(), starts.end(),
+                                [&](double start) { return start > now || start < now - window.count(); }),
+                 starts.end());
+    if (starts.size() > freeStarts) {
+        const Seconds pause = std::min(step * static_cast<double>(starts.size() - freeStarts), longestPause);
+        setStatus("Pausing after " + std::to_string(starts.size()) + " starts in half a minute" +
+                  restartRemark(folder));
+        std::this_thread::sleep_for(pause);
+    }
+    starts.push_back(Seconds(Clock::now().time_since_epoch()).count());
+    std::ofstream output(name);
+    output.precision(12);
+    std::copy(starts.begin(), starts.end(), std::ostream_iterator<double>(output, "\n"));
+}
+
+/// Returns for how many seconds missing value files are waited for: only at the first start, when there is no copy yet.
+std::chrono::seconds patience(const std::string& copy) {
+    const std::string text = variable("VALUE_FILE_WAIT_SEC");
+    int seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (text.empty() || access(copy.c_str(), F_OK) == 0)
+        return std::chrono::seconds(0);
+    if (error != std::errc() || end != text.data() + text.size() || seconds < 0) {
+        complain("VALUE_FILE_WAIT_SEC: " + text + " is no number of seconds");
+        return std::chrono::seconds(0);
+    }
+    return std::chrono::seconds(seconds);
+}
+
+/// Passes each line that can be read on as status, until the end of the file or the deadline. Returns the last line.
+std::string relayLines(int descriptor, Clock::time_point deadline) {
+    std::string text;
+    std::string last;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd poller{descriptor, POLLIN, 0};
+        std::array<char, PIPE_BUF> piece{};
+        if (poll(&poller, 1, static_cast<int>(std::max<decltype(left)::rep>(left.count(), 0))) <= 0)
+            return last;
+        const ssize_t count = read(descriptor, piece.data(), piece.size());
+        if (count <= 0)
+            return last;
+        text.append(piece.data(), static_cast<std::size_t>(count));
+        for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n')) {
+            last = text.substr(0, end);
+            text.erase(0, end + 1);
+            setStatus(last);
+        }
+    }
+}
+
+struct Result {
+    int status;       ///< of the checker, as of waitpid; -1: it did not run
+    std::string text; ///< the last line of its output
+};
+
+/// Runs the checker, which writes the copy. Kills it when it takes too long.
+Result salvage(const std::string& checker, const std::string& file, const std::string& copy) {
+    const std::chrono::seconds wait = patience(copy);
+    const Clock::duration time = wait + checkerTime;
+    sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
+               static_cast<long long>(std::chrono::microseconds(2 * checkerTime + wait).count()));
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0)
+        return {-1, ""};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    std::vector<std::string> words{checker, "--salvage", copy, "--wait", std::to_string(wait.count()), "--", file};
+    std::vector<char*> arguments;
+    for (std::string& word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    pid_t child = 0;
+    const int error = posix_spawn(&child, checker.c_str(), &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    Result result{-1, ""};
+    if (error != 0) {
+        complain("cannot run " + checker + ": " + std::strerror(error)); // NOLINT(concurrency-mt-unsafe)
+    } else {
+        const Clock::time_point deadline = Clock::now() + time;
+        result.text = relayLines(ends[0], deadline);
+        if (Clock::now() >= deadline)
+            kill(child, SIGKILL);
+        waitpid(child, &result.status, 0);
+    }
+    close(ends[0]);
+    return result;
+}
+
+/// Returns the folder of this program, with a slash at its end.
+std::string ownFolder() {
+    std::string path(PATH_MAX, '\0');
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    path.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+} // namespace
+
+/// Usage: korvaneinfod-launch DAEMON FILE, the main process of the service: has the checker, which lies beside it,
+/// salvage the configuration, and becomes the daemon with the copy. Or: korvaneinfod-launch --ended, after its end.
+int main(int argc, char* argv[]) {
+    std::string folder = variable("RUNTIME_DIRECTORY");
+    folder = folder.substr(0, folder.find(':')); // a drop-in may add others
+    const bool isEnd = argc == 2 && std::strcmp(argv[1], "--ended") == 0;
+    if (folder.empty() || (!isEnd && argc != 3)) {
+        std::cerr << "usage: korvaneinfod-launch DAEMON FILE | --ended, in a service with a runtime directory\n";
+        return EX_CONFIG;
+    }
+    if (isEnd)
+        return noteEnd(folder);
+
+    slowDown(folder);
+    std::string file = argv[2];
+    const std::string copy = folder + "/board.json";
+    const Result result = salvage(ownFolder() + "korvaneinfoctl-check", file, copy);
+    const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+    constexpr int errorsFound = 1;
+    constexpr int hopeless = 3;
+    if (status == hopeless)
+        return EX_CONFIG;
+    if (status == 0 || status == errorsFound) {
+        setStatus("Serving " + result.text + restartRemark(folder));
+        file = copy;
+    } else {
+        // Without the checker the board is as well off as it was before there was one.
+        complain("the check has failed; the daemon gets " + file + " as it is");
+        setStatus("The check of " + file + " has failed, it is served as it is" + restartRemark(folder));
+    }
+    std::string option = "-c";
+    const std::array<char*, 4> arguments{argv[1], option.data(), file.data(), nullptr};
+    execv(argv[1], arguments.data());
+    complain(std::string("cannot run ") + argv[1] + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+    return EX_CONFIG;
+}
