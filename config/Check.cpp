@@ -41,6 +41,9 @@ struct Published {
     std::vector<ConfigEntry> entries;               ///< and what they are to the daemon, but for the values
 };
 
+/// How many findings a salvage keeps, as it has a memory limit, before it passes over those that leave no element out.
+constexpr std::size_t mostFindings = 1000;
+
 /// Returns the introspection document of these entries.
 std::string introspectionDocument(const std::vector<ConfigEntry>& entries) {
     std::string xml;
@@ -127,7 +130,7 @@ std::size_t sizeOf(const ConfigEntry& entry, const std::string& content) {
     return content.size() + entry.name.size() + entry.interface.size() + entry.objectPath.size() + entry.type.size();
 }
 
-/// Checks the value, and updates what is known of the property. Returns its size.
+/// Checks the value, and updates what is known of the property. Returns how much it adds to the size so far.
 std::size_t checkContent(const Element& element, const std::string& content, bool answers, std::size_t sizeSoFar,
                          PublishedProperty& property) {
     const std::size_t before = element.findings.size();
@@ -137,10 +140,11 @@ std::size_t checkContent(const Element& element, const std::string& content, boo
     if (answers)
         property.isFatal = !isSound;
     const std::size_t size = sizeOf(element.entry, content);
-    if (sizeSoFar + size > largestTotal)
-        element.report(Kind::valueTooLong, "path",
-                       "up to here, names and values have more than " + std::to_string(largestTotal) + " bytes");
-    return size;
+    if (sizeSoFar + size <= largestTotal)
+        return size;
+    element.report(Kind::valueTooLong, "path",
+                   "with those before it, names and values have more than " + std::to_string(largestTotal) + " bytes");
+    return 0;
 }
 
 /// Marks the findings for which the element at this position has to be left out, from the given one on. Returns whether
@@ -242,11 +246,22 @@ std::optional<std::size_t> findCulprit(const Published& published) {
     return published.elements[accepted];
 }
 
+/// Forgets an element's findings, from the given one on, when there are too many, but for those that leave it out.
+void bound(std::vector<Finding>& findings, std::size_t begin, const Element& element) {
+    if (begin > mostFindings)
+        findings.erase(std::remove_if(findings.begin() + static_cast<std::ptrdiff_t>(begin), findings.end(),
+                                      [](const Finding& finding) { return !finding.isLeftOut; }),
+                       findings.end());
+    else if (findings.size() > mostFindings)
+        element.report(Kind::moreFindings, "", "from here on, only findings that leave an element out are told of");
+}
+
 /// Checks all elements. A salvage does so without those that earlier rounds have found at fault, of which it knows.
 Published checkElements(const Document& document, const Options& options, const std::set<std::size_t>& culprits,
                         std::vector<Finding>& findings) {
     Published published;
     for (Json::ArrayIndex i = 0; i < document.root().size(); ++i) {
+        const std::size_t begin = findings.size();
         Element element{document, document.root()[i], i, findings, {}};
         if (culprits.count(i) == 0) {
             checkElement(element, options, published);
@@ -254,6 +269,8 @@ Published checkElements(const Document& document, const Options& options, const 
             element.report(Kind::introspection, "", "breaks the introspection document of the other elements");
             findings.back().isLeftOut = true;
         }
+        if (options.isSalvage)
+            bound(findings, begin, element);
     }
     return published;
 }

@@ -79,13 +79,14 @@ constexpr std::array kinds{
              R"(remove it, only values of "location" "fuses" are translated)"},
     KindInfo{Kind::translateKey, "translate-key", warning, "correct or remove it, it never matches"},
     KindInfo{Kind::translateValue, "translate-value", warning, "write a string, the daemon ignores the member"},
+    KindInfo{Kind::moreFindings, "more-findings", warning, "correct the ones that are told of first"},
 };
 
 constexpr bool inOrder() {
     for (std::size_t i = 0; i < kinds.size(); ++i)
         if (static_cast<std::size_t>(kinds[i].kind) != i)
             return false;
-    return kinds.size() == static_cast<std::size_t>(Kind::translateValue) + 1;
+    return kinds.size() == static_cast<std::size_t>(Kind::moreFindings) + 1;
 }
 static_assert(inOrder());
 

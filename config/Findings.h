@@ -55,6 +55,7 @@ enum class Kind {
     translateIgnored,
     translateKey,
     translateValue,
+    moreFindings,
 };
 
 /// What a salvage does with an element about which there is such a finding.

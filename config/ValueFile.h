@@ -14,7 +14,7 @@ bool isSkipped(char byte);
 /// Nothing but regular files is opened, none is waited for, and no more than `limit` bytes are read, so that a check
 /// always ends and touches no device.
 struct ValueFile {
-    static constexpr std::size_t limit = std::size_t{9} << 20U; ///< more than the daemon has the memory for
+    static constexpr std::size_t limit = std::size_t{5} << 20U; ///< more than the daemon has the memory for
 
     int error = 0;                ///< errno of the failure to find or read the file; 0: read
     std::string notRegular;       ///< what the file is when reading it may block or never end

@@ -5,6 +5,7 @@
 #include "ConfigFileParser.h"
 #include "ConfigurationInput.h"
 #include "JournalCapture.h"
+#include "Salvage.h"
 #include "dbus/DBusServices.h"
 
 #include <algorithm>
@@ -81,6 +82,22 @@ void requireOutput(const std::vector<check::Finding>& findings) {
     fuzz::require(array.isArray() && array.size() == findings.size(), "every finding is an element of the JSON array");
 }
 
+/// A salvaged copy is as long as the text, differs from it only in blanks, and has nothing more to be left out.
+void requireSalvage(const std::string& text, bool isArray) {
+    const check::Salvaged salvaged = check::salvageText("file", text, {});
+    fuzz::require(salvaged.text.has_value() == isArray, "what is salvaged is an array");
+    const std::string summary = salvaged.summary();
+    fuzz::require(std::none_of(summary.begin(), summary.end(), [](char c) { return g_ascii_iscntrl(c) != FALSE; }),
+                  "the summary is one line without control characters");
+    if (!isArray)
+        return;
+    fuzz::require(salvaged.text->size() == text.size() &&
+                      std::equal(text.begin(), text.end(), salvaged.text->begin(),
+                                 [](char before, char after) { return before == after || after == ' '; }),
+                  "what stays, stays where it is");
+    fuzz::require(check::salvageText("file", *salvaged.text, {}).leftOut == 0, "nothing is left to be left out");
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -100,6 +117,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                           (!finding.element || *finding.element < input.root.size()),
                       "a finding is about a place in the text");
     requireOutput(result.findings);
+    requireSalvage(text, isJson && input.root.isArray());
 
     const std::vector<ConfigEntry>& entries = ConfigFileParser::getInstance()->entries;
     ConfigFileParser::getInstance()->entries.clear();

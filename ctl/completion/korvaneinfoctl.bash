@@ -18,18 +18,20 @@ _korvaneinfoctl() {
         word=${COMP_WORDS[i]}
         case $word in
         -H | --host | -M | --machine) target+=("$word" "${COMP_WORDS[++i]}") ;;
-        --root) ((++i)) ;;
+        --root | --salvage | --wait) ((++i)) ;;
         -*) ;;
         *) if [ -z "$command" ]; then command=$word; else ((++operands)); fi ;;
         esac
     done
 
     local words= options='--host --machine --no-autostart --json --no-legend --full --help --version'
-    [ "$command" != check ] || options='--json --werror --root --no-values --help'
+    [ "$command" != check ] || options='--json --werror --root --no-values --salvage --wait --help'
     case $previous:$command:$operands:$current in
     -H:* | --host:*) words=$(compgen -A hostname -- "$current") ;;
     -M:* | --machine:*) words=$(machinectl --no-legend --no-pager list 2>/dev/null | awk '{ print $1 }') ;;
     --root:*) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
+    --salvage:*) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+    --wait:*) ;;
     *:-*) words=$options ;;
     *::*) words='list get set watch check' ;;
     *:get:* | *:watch:*) words=$(__korvaneinfoctl_names read) ;;

@@ -19,3 +19,9 @@ def findings_of(*arguments, cwd=None):
     findings = json.loads(output)
     assert status == (1 if any(finding["severity"] == "error" for finding in findings) else 0)
     return findings
+
+
+def run_salvage(file, output, *options, cwd=None):
+    """Salvages a configuration; returns the status, the findings and the summary."""
+    status, summary, findings = run_check("--json", "--salvage", output, *options, file, cwd=cwd)
+    return status, json.loads(findings), summary

@@ -3,6 +3,9 @@
 Where the checker reports no error, the daemon has to start, to own its name, to answer for every item, and to stay
 up. Where it reports errors, the daemon has to do all that with the elements taken out that the checker names.
 
+A salvaged copy has to do better: the daemon starts with it, serves every element in it about which there is no error,
+and stays up; and with any one of the elements left out put back it would not.
+
 KORVANEINFO_CHECK_CASES is the number of cases, KORVANEINFO_CHECK_SEED the seed of the first one.
 """
 
@@ -14,8 +17,9 @@ import subprocess
 import xml.etree.ElementTree
 
 from gi.repository import GLib
+import pytest
 
-from checking import findings_of
+from checking import findings_of, run_salvage
 from testbed import BUS_NAME, INTERFACE, full_path
 
 CASES = int(os.environ.get("KORVANEINFO_CHECK_CASES", "400"))
@@ -227,26 +231,77 @@ def judge(bed, elements, document):
     return True
 
 
-def test_verdict_fits_the_daemon(bed, capsys, monkeypatch):
+def judge_with_and_without_errors(bed, generator, seed):
+    """Judges one case, and the case without the elements at fault; returns how often there were errors."""
+    elements = generator.elements()
+    with_errors = 0
+    if judge(bed, elements, encoded(elements)):
+        with_errors += 1
+        findings = findings_of(bed.configuration(encoded(elements)), cwd=bed.directory)
+        named = {finding["element"] for finding in findings if finding["severity"] == "error"}
+        rest = [element for position, element in enumerate(elements) if position not in named]
+        assert not judge(bed, rest, encoded(rest)), "new errors without the elements that were named"
+    if seed % 4 == 0:
+        with_errors += judge(bed, [], generator.damaged(encoded(elements)))
+    return with_errors
+
+
+def has_ended(wrong):
+    """Whether the daemon has ended, or a client would have lost it."""
+    return any(text.startswith("ended") for text in wrong)
+
+
+def salvage(bed, document):
+    """Salvages a configuration; returns the status, the copy and the findings."""
+    output = os.path.join(bed.directory, "copy.json")
+    status, findings, _ = run_salvage(bed.configuration(document), output, cwd=bed.directory)
+    with open(output, "rb") as file:
+        return status, file.read(), findings
+
+
+def judge_salvaged(bed, generator, _seed):
+    """Holds a salvaged copy against the daemon; returns whether an element was left out."""
+    elements = generator.elements()
+    document = encoded(elements)
+    status, copy, findings = salvage(bed, document)
+    left_out = {finding["element"] for finding in findings if finding.get("leftOut")}
+    kept = [element for position, element in enumerate(elements) if position not in left_out]
+    report = f"\nfindings: {json.dumps(findings, indent=1)}\nconfiguration: {document!r}"
+    assert status in (0, 1), "not salvaged" + report
+    assert json.loads(copy.decode(errors="surrogateescape")) == kept, "the copy has not what was kept" + report
+    assert all(one in (other, ord(" ")) for one, other in zip(copy, document, strict=True)), "moved" + report
+
+    wrong, culprits = troubles(bed, copy, kept)
+    assert not has_ended(wrong), f"the copy ends the daemon: {wrong}" + report
+    places = [position for position in range(len(elements)) if position not in left_out]
+    in_error = {finding["element"] for finding in findings if finding["severity"] == "error"} - left_out
+    assert {places[culprit] for culprit in culprits} <= in_error, f"not served: {wrong}" + report
+    assert in_error or not wrong, f"not served: {wrong}" + report
+
+    for position in left_out:
+        back = [element for other, element in enumerate(elements) if other == position or other not in left_out]
+        if any(finding["kind"] == "fuse-file" for finding in findings if finding["element"] == position):
+            path = as_text(elements[position].get("path")).split("\0")[0]
+            assert not os.path.isfile(os.path.join(bed.directory, path)), "its file is there" + report
+            continue
+        wrong, _ = troubles(bed, encoded(back), back)
+        assert has_ended(wrong), f"element {position} was left out, and does no harm: {wrong}" + report
+    return bool(left_out)
+
+
+@pytest.mark.parametrize("judgement", [judge_with_and_without_errors, judge_salvaged])
+def test_verdict_fits_the_daemon(bed, capsys, monkeypatch, judgement):
     monkeypatch.chdir(bed.directory)
     with_errors = 0
     for seed in range(FIRST_SEED, FIRST_SEED + CASES):
         directory = os.path.join(bed.directory, "case")
         os.mkdir(directory)
-        generator = Generator(seed, directory)
-        elements = generator.elements()
         try:
-            if judge(bed, elements, encoded(elements)):
-                with_errors += 1
-                findings = findings_of(bed.configuration(encoded(elements)), cwd=bed.directory)
-                named = {finding["element"] for finding in findings if finding["severity"] == "error"}
-                rest = [element for position, element in enumerate(elements) if position not in named]
-                assert not judge(bed, rest, encoded(rest)), "new errors without the elements that were named"
-            if seed % 4 == 0:
-                with_errors += judge(bed, [], generator.damaged(encoded(elements)))
+            with_errors += judgement(bed, Generator(seed, directory), seed)
         except (AssertionError, GLib.Error, subprocess.TimeoutExpired) as error:
             raise AssertionError(f"KORVANEINFO_CHECK_SEED={seed}: {error}") from error
         shutil.rmtree(directory)
     with capsys.disabled():
-        print(f"{CASES} cases from KORVANEINFO_CHECK_SEED={FIRST_SEED} on, {with_errors} verdicts with errors")
+        print(f"{judgement.__name__}: {CASES} cases from KORVANEINFO_CHECK_SEED={FIRST_SEED} on, {with_errors} "
+              "verdicts with errors")
     assert CASES < 100 or 0.2 * CASES < with_errors < 0.9 * CASES, "the cases are lopsided"
