@@ -121,6 +121,15 @@ def start_block(results):
                   "to the bare loop", "least to the GDBus constant"], rows)
 
 
+def launched_block(results):
+    """Shows the start by the launcher, which salvages the configuration, beside the daemon's own."""
+    rows = [[entries, *(show_amount("start", statistics.median(figures["start"][service]))
+                        for service in ("launched", "korvaneinfod")),
+             show_ratio(ratios(figures, "start", "korvaneinfod", "launched"))]
+            for entries, figures in results["figures"].items()]
+    return table(["entries", "by the launcher", "the daemon alone", "to the daemon's"], rows)
+
+
 def absolute_block(results):
     """Shows the medians themselves."""
     rows = []
@@ -180,6 +189,7 @@ BLOCKS = {
     "gdbus": lambda results: ratio_block(results, "gdbus"),
     "sdbus": lambda results: ratio_block(results, "sdbus"),
     "start": start_block,
+    "launched": launched_block,
     "absolute": absolute_block,
     "size": size_block,
     "instructions": instructions_block,

@@ -185,7 +185,9 @@ void checkElement(Element& element, const Options& options, Published& published
     PublishedProperty property = earlier == object.properties.end()
                                      ? PublishedProperty{element.finding(Kind::duplicateItem, "name", "")}
                                      : earlier->second;
-    const bool answers = entry.interface == object.interface && !property.isAnswered;
+    // The bus library declares a name with an entity in it as another one, under which no entry is found.
+    const bool isPlain = entry.name.find('&') == std::string::npos;
+    const bool answers = entry.interface == object.interface && isPlain && !property.isAnswered;
     property.isReadable = property.isReadable || element.isReadable();
     property.isAnswered = property.isAnswered || answers;
     std::size_t size = sizeOf(entry, "");

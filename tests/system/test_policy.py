@@ -13,7 +13,10 @@ import pytest
 from testbed import BUS_NAME, INTERFACE, PROPERTIES, ROOT, SOURCE_ROOT, Bus, Signals, error_of
 
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+DO_NOT_QUEUE = 4  # a flag of RequestName
+EXISTS = 3  # an answer of it: the name has an owner
 GROUP = "korvaneinfo"
+USER = "korvaneinfod"
 NOBODY = pwd.getpwnam("nobody")
 
 
@@ -25,7 +28,8 @@ def can_be_others():
 
 # Without the right to be someone else, a client that does not authenticate takes the part of the other users; there
 # is nobody then to be a member of the group.
-OTHERS = ["anonymous", "nobody"] if can_be_others() else ["anonymous"]
+OTHERS = ["anonymous", "nobody", "daemon"] if can_be_others() else ["anonymous"]
+OWNERS = ["root", "daemon"] if can_be_others() else ["root"]
 WRITERS = ["root", "member"] if can_be_others() else ["root"]
 
 
@@ -36,11 +40,16 @@ class StrictBus(Bus):
         super().__init__(directory, os.path.join(SOURCE_ROOT, "tests", "system", "policy-bus.conf"))
 
     def connect_as(self, who):
-        """Returns a connection of root, of nobody, of nobody as a member of the group, or of no one in particular."""
+        """Returns a connection of root, of the daemon's user, of nobody, of nobody as a member of the group, or of no
+        one in particular."""
         if who == "root":
             return self.connect()
         if who == "anonymous":
             return self.connect_anonymously()
+        if who == "daemon":
+            user = pwd.getpwnam(USER)
+            with effective_ids(user.pw_uid, [user.pw_gid]):
+                return self.connect()
         groups = [NOBODY.pw_gid, grp.getgrnam(GROUP).gr_gid] if who == "member" else [NOBODY.pw_gid]
         with effective_ids(NOBODY.pw_uid, groups):
             return self.connect()
@@ -67,17 +76,24 @@ def effective_ids(uid, groups):
         os.setgroups(own_groups)
 
 
+@contextlib.contextmanager
+def appended(path, line):
+    """Adds a line to a list of the system, as this test's own mount namespace sees it."""
+    with tempfile.NamedTemporaryFile("w", encoding="utf-8") as copy:
+        with open(path, encoding="utf-8") as file:
+            copy.write(file.read() + line + "\n")
+        copy.flush()
+        os.fchmod(copy.fileno(), 0o644)
+        subprocess.run(["mount", "--bind", copy.name, path], check=True)
+        yield
+        subprocess.run(["umount", path], check=True)
+
+
 @pytest.fixture(scope="module", autouse=True)
-def group():
-    """Adds the daemon's group to the list of groups, as this test's own mount namespace sees it."""
-    with tempfile.NamedTemporaryFile("w", encoding="utf-8") as groups:
-        with open("/etc/group", encoding="utf-8") as file:
-            groups.write(file.read() + f"{GROUP}:x:64123:\n")
-        groups.flush()
-        os.fchmod(groups.fileno(), 0o644)
-        subprocess.run(["mount", "--bind", groups.name, "/etc/group"], check=True)
-    yield
-    subprocess.run(["umount", "/etc/group"], check=True)
+def accounts():
+    """Adds the daemon's user and group."""
+    with appended("/etc/group", f"{GROUP}:x:64123:"), appended("/etc/passwd", f"{USER}:x:64124:64124::/:/bin/false"):
+        yield
 
 
 @pytest.fixture
@@ -158,12 +174,21 @@ def test_a_write_to_the_unique_name_is_refused(bed, who):
     assert error_of(bed.bus.call, bed.bus.owner(BUS_NAME), ROOT, PROPERTIES, "Set", value, connection)[0] == DENIED
 
 
-@pytest.mark.parametrize("who", OTHERS + [who for who in WRITERS if who != "root"])
-def test_only_root_may_own_the_name(bed, who):
-    connection = bed.bus.connect_as(who)
-    request = GLib.Variant("(su)", (BUS_NAME, 0))
-    assert error_of(bed.bus.call, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                    "RequestName", request, connection)[0] == DENIED
+def request_name(bed, who):
+    """Asks for the daemon's name, without waiting for the daemon to give it up; returns the answer of the bus."""
+    request = GLib.Variant("(su)", (BUS_NAME, DO_NOT_QUEUE))
+    return bed.bus.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName", request,
+                        bed.bus.connect_as(who))
+
+
+@pytest.mark.parametrize("who", [who for who in OTHERS + WRITERS if who not in OWNERS])
+def test_others_may_not_own_the_name(bed, who):
+    assert error_of(request_name, bed, who)[0] == DENIED
+
+
+@pytest.mark.parametrize("who", OWNERS)
+def test_root_and_the_daemons_user_may_own_the_name(bed, who):
+    assert request_name(bed, who) == (EXISTS,)  # which it does, but the request is a permitted one
 
 
 @pytest.mark.parametrize("who", OTHERS)

@@ -110,7 +110,7 @@ def test_element_that_harms_only_itself_stays(folder):
         item(folder, path="missing"), item(folder, path=""), item(folder, location="x"), item(folder, path="latin",
         read=None, write=True), item(folder, type="u", read=None, write=True), item(folder, type="b"), None,
         item(folder, interface="0"), item(folder, type="u", path="missing", interface="Other"),
-        item(folder, location="fuses", path="fuse", offset=100, length=8),
+        item(folder, location="fuses", path="fuse", offset=100, length=8), item(folder, name="&amp;", type="u"),
     ]:
         elements = [item(folder, name="Good"), case]
         (folder / "board.json").write_text(json.dumps(elements))
