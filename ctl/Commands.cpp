@@ -87,7 +87,8 @@ void set(Bus& bus, const Output& output, const std::string& name, const std::str
         bus.refresh(item);
         if (!item.error.empty())
             throw Failure("set, but it cannot be read back: " + item.error);
-        // The daemon answers success also when it could not write the file.
+        // The daemon answers success also when it could not open the file, and keeps the old value then. When it could
+        // not fill the file, it serves the new value, and nothing can be noticed here.
         if (item.value && item.value->text != expectedText(item.signature, value))
             throw Failure("the daemon answered success, but the value is " + shown(item.value));
     } catch (const Failure& failure) {
