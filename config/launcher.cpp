@@ -151,8 +151,9 @@ Result salvage(const std::string& checker, const std::string& file, const std::s
     const std::chrono::seconds wait = patience(copy);
     std::remove(copy.c_str());
     const Clock::duration time = wait + checkerTime;
-    sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
-               static_cast<long long>(std::chrono::microseconds(2 * checkerTime + wait).count()));
+    if (wait.count() != 0)
+        sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
+                   static_cast<long long>(std::chrono::microseconds(2 * checkerTime + wait).count()));
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0)
         return {-1, ""};

@@ -172,7 +172,7 @@ def test_missing_files_are_waited_for_at_the_first_start_alone(service):
         service.start("[]", VALUE_FILE_WAIT_SEC="7")
         notifications = service.notifications()
         waits.append([text for text in notifications if "--wait" in text][-1].split()[2])
-        assert "EXTEND_TIMEOUT_USEC=27000000" in notifications or waits[-1] == "0"
+        assert ("EXTEND_TIMEOUT_USEC=27000000" in notifications) == (waits[-1] == "7")
     assert waits == ["7", "0"]
 
 
