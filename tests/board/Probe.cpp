@@ -98,7 +98,7 @@ std::string executeCopy(const std::string& path) {
         if (!copy.flush())
             return "cannot be written";
     }
-    const std::string result = chmod(path.c_str(), 0700) == -1 ? outcome(-1) : execute(path);
+    std::string result = chmod(path.c_str(), 0700) == -1 ? outcome(-1) : execute(path);
     unlink(path.c_str());
     return result;
 }
@@ -131,7 +131,7 @@ std::string startUnit(const std::string& program) {
                        "org.freedesktop.systemd1.Manager", "StartTransientUnit", &error, nullptr, "ssa(sv)a(sa(sv))",
                        "probe-outside.service", "fail", 1, "ExecStart", "a(sasb)", 1, program.c_str(), 1,
                        program.c_str(), 0, 0);
-    const std::string result = error.name == nullptr ? works : error.name;
+    std::string result = error.name == nullptr ? works : error.name;
     sd_bus_error_free(&error);
     return result;
 }
