@@ -79,6 +79,9 @@ std::optional<std::string> checkValueFile(const Element& element, const Options&
         const std::string obstacle = ValueFile::writeObstacle(options.root, entry.path);
         if (!obstacle.empty())
             element.report(Kind::writeTarget, "path", "cannot create " + quoted(entry.path) + ": " + obstacle);
+        else if (const std::string own = options.isSalvage ? ValueFile::permissionObstacle(entry.path) : "";
+                 !own.empty())
+            element.report(Kind::writeTarget, "path", "cannot write " + quoted(entry.path) + ": " + own);
     }
     const ValueFile file =
         isFuses ? ValueFile::readBytes(options.root, entry.path, entry.offset, std::max(entry.length, longestNumber))

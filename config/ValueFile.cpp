@@ -117,6 +117,11 @@ ValueFile read(const std::string& root, const std::string& path, std::size_t sta
         describeOther(status.st_mode, file);
         return file;
     }
+    // The service manager puts such a file over what it hides from a service.
+    if ((status.st_mode & 07777U) == 0 && status.st_size == 0) {
+        file.error = EACCES;
+        return file;
+    }
     // Kernel files count as regular, too, and some of them make their readers wait.
     const Descriptor opened(open(procPath(located.get()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (opened.isOpen())
@@ -162,6 +167,13 @@ std::string ValueFile::writeObstacle(const std::string& root, const std::string&
     if (path.empty() || !locate(root, folder).isOpen())
         return std::generic_category().message(ENOENT);
     return {};
+}
+
+std::string ValueFile::permissionObstacle(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const bool exists = access(path.c_str(), F_OK) == 0;
+    return access(exists ? path.c_str() : folder.c_str(), W_OK) == 0 ? "" : std::generic_category().message(errno);
 }
 
 MemoryFile::MemoryFile(const ValueFile& file) : descriptor(memfd_create("value", MFD_CLOEXEC)) {

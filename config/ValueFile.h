@@ -34,6 +34,9 @@ struct ValueFile {
 
     /// Returns why a Set could not create or overwrite the file: an error text, or empty when it could.
     static std::string writeObstacle(const std::string& root, const std::string& path);
+
+    /// Returns why this process itself could not write the file, or create it: an error text, or empty when it could.
+    static std::string permissionObstacle(const std::string& path);
 };
 
 /// A temporary file in memory that holds a copy of the bytes at the same offset, for the daemon's reader.

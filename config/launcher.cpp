@@ -65,9 +65,10 @@ int noteEnd(const std::string& folder) {
     std::remove(lastEndFile(folder).c_str());
     const std::string end = describeEnd();
     const bool isTold = variable("EXIT_STATUS") == std::to_string(EX_CONFIG); // by this program itself
-    if (end.empty() || isTold)
+    if (isTold)
         return 0;
-    std::ofstream(lastEndFile(folder)) << end << '\n';
+    if (!end.empty())
+        std::ofstream(lastEndFile(folder)) << end << '\n';
     setStatus(end);
     return 0;
 }

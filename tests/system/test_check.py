@@ -31,7 +31,7 @@ TYPE_END = "write the type that is meant [odd-type]"
 WRONG_END = "correct the type, the daemon ends at start [wrong-type]"
 FILE_END = "correct the path, the value is read as empty [value-file]"
 ZEROS_END = "correct the path, the value is read as zeros [fuse-file]"
-TARGET_END = "correct the path, a client's Set changes nothing [write-target]"
+TARGET_END = "correct the path or the owner of the file, a client's Set changes nothing [write-target]"
 LONG_END = "shorten it, the daemon runs out of memory [value-too-long]"
 DIFFERS_END = ("give all items of an object path the same interface, clients cannot reach this one "
                "[interface-differs]")

@@ -199,12 +199,15 @@ def test_end_of_the_daemon_is_told_then_and_at_the_next_start(service, end, text
     assert service.status() == f"Serving 0 of 0 items; restarted, since {text}"
 
 
-@pytest.mark.parametrize("end", [("success", "killed", "TERM"), ("exit-code", "exited", str(CONFIG))])
-def test_orderly_stop_and_hopeless_configuration_set_no_status(service, end):
+@pytest.mark.parametrize("end, told", [
+    (("success", "killed", "TERM"), ["STATUS="]),
+    (("exit-code", "exited", str(CONFIG)), []),  # the status says already why
+])
+def test_orderly_stop_and_hopeless_configuration_are_no_reason_for_a_restart(service, end, told):
     service.end("signal", "killed", "ABRT")
     service.notifications()
     service.end(*end)
-    assert service.notifications() == []
+    assert service.notifications() == told
     service.start("[]")
     assert service.status() == "Serving 0 of 0 items"
 

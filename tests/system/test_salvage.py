@@ -269,3 +269,25 @@ def test_files_elsewhere_are_not_waited_for(folder):
     (folder / "board.json").write_text(json.dumps([item(folder, path="missing"), item(folder, path="/sys/kernel"), 5]))
     _, _, output = run_salvage("board.json", "copy.json", "--wait", "60", cwd=folder)
     assert "waiting" not in output
+
+
+def test_file_that_this_process_cannot_write_is_told(folder):
+    items = [item(folder, write=True), item(folder, name="New", path="new", write=True)]
+    (folder / "board.json").write_text(json.dumps(items))
+    subprocess.run(["mount", "--bind", folder, folder], check=True)
+    subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
+    try:
+        _, findings, _ = run_salvage(str(folder / "board.json"), "/dev/null")
+    finally:
+        subprocess.run(["umount", folder], check=True)
+    assert [(finding["element"], finding["reason"]) for finding in findings if finding["kind"] == "write-target"] == [
+        (number, f"cannot write \"{folder}/{name}\": Read-only file system") for number, name in [(0, "text"), (1, "new")]]
+
+
+def test_file_that_is_hidden_from_the_service_cannot_be_read(folder):
+    (folder / "hidden").touch(0)
+    (folder / "board.json").write_text(json.dumps([item(folder, path="hidden"), item(folder, path="hidden",
+                                                                                     location="fuses", length=2)]))
+    _, findings, _ = run_salvage("board.json", "copy.json", cwd=folder)
+    reason = f"cannot read \"{folder}/hidden\": Permission denied"
+    assert [finding["kind"] for finding in findings if finding["reason"] == reason] == ["value-file", "fuse-file"]
