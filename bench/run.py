@@ -221,8 +221,7 @@ def main():
     quick = "--quick" in sys.argv[2:]
     bench = Bench(os.path.abspath(sys.argv[1]), QUICK if quick else FULL)
     os.mkdir(WORK)
-    # For the launcher. It cannot keep its record of starts in a folder, and so does not slow them down.
-    os.makedirs(f"{WORK}/runtime/starts")
+    os.mkdir(f"{WORK}/runtime")  # for the launcher
     results = {"machine": machine(), "amounts": bench.amounts, "messages": {}, "figures": {}, "profiles": {}}
     try:
         for entries in ENTRIES:

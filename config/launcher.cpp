@@ -60,16 +60,43 @@ std::string describeEnd() {
     return "the daemon ended with status " + status;
 }
 
-/// Sets the status after the daemon has ended, and keeps the reason for the status of the next start.
+/// Seconds on the clock that counts from the boot.
+double now() { return Seconds(Clock::now().time_since_epoch()).count(); }
+
+/// The file with the times at which the daemon has ended by itself, oldest first.
+std::string endsFile(const std::string& folder) { return folder + "/ends"; }
+
+constexpr Seconds endsWindow(30); ///< ends that are longer ago do not matter
+
+/// Returns the times of recent ends.
+std::vector<double> recentEnds(const std::string& folder) {
+    std::ifstream file(endsFile(folder));
+    std::vector<double> ends{std::istream_iterator<double>(file), {}};
+    const double latest = now();
+    ends.erase(std::remove_if(ends.begin(), ends.end(),
+                              [&](double end) { return end > latest || end < latest - endsWindow.count(); }),
+               ends.end());
+    return ends;
+}
+
+/// Sets the status after the daemon has ended, and keeps what the next start has to know.
 int noteEnd(const std::string& folder) {
     std::remove(lastEndFile(folder).c_str());
     const std::string end = describeEnd();
-    const bool isTold = variable("EXIT_STATUS") == std::to_string(EX_CONFIG); // by this program itself
-    if (isTold)
-        return 0;
+    const std::string status = variable("EXIT_STATUS");
+    if (status == std::to_string(EX_CONFIG))
+        return 0; // this program itself has told why
     if (!end.empty())
         std::ofstream(lastEndFile(folder)) << end << '\n';
     setStatus(end);
+    // A flood of requests takes its time to fill the memory, and after it there is no time to lose.
+    if (end.empty() || status == "KILL")
+        return 0;
+    std::vector<double> ends = recentEnds(folder);
+    ends.push_back(now());
+    std::ofstream file(endsFile(folder));
+    file.precision(12);
+    std::copy(ends.begin(), ends.end(), std::ostream_iterator<double>(file, "\n"));
     return 0;
 }
 
@@ -80,30 +107,18 @@ std::string restartRemark(const std::string& folder) {
     return std::getline(file, end) ? "; restarted, since " + end : "";
 }
 
-/// Lets a start wait when many have gone before it, so that a daemon that cannot stay up costs the board little. The
-/// service manager would have to give up after a number of starts, and could be made to by whoever can end the daemon.
+/// Lets the start wait when the daemon has ended often of late, so that one that cannot stay up costs the board little.
+/// With a limit on starts, the service manager would give up, and could be made to by any client who can end the
+/// daemon.
 void slowDown(const std::string& folder) {
-    constexpr Seconds window(30);
-    constexpr std::size_t freeStarts = 10;
+    constexpr std::size_t freeEnds = 10;
     constexpr Seconds step(0.25);
     constexpr Seconds longestPause(1.5);
-    const std::string name = folder + "/starts";
-    const double now = Seconds(Clock::now().time_since_epoch()).count();
-    std::ifstream file(name);
-    std::vector<double> starts{std::istream_iterator<double>(file), {}};
-    starts.erase(std::remove_if(starts.begin(), starts.end(),
-                                [&](double start) { return start > now || start < now - window.count(); }),
-                 starts.end());
-    if (starts.size() > freeStarts) {
-        const Seconds pause = std::min(step * static_cast<double>(starts.size() - freeStarts), longestPause);
-        setStatus("Pausing after " + std::to_string(starts.size()) + " starts in half a minute" +
-                  restartRemark(folder));
-        std::this_thread::sleep_for(pause);
-    }
-    starts.push_back(Seconds(Clock::now().time_since_epoch()).count());
-    std::ofstream output(name);
-    output.precision(12);
-    std::copy(starts.begin(), starts.end(), std::ostream_iterator<double>(output, "\n"));
+    const std::size_t ends = recentEnds(folder).size();
+    if (ends <= freeEnds)
+        return;
+    setStatus("Pausing after " + std::to_string(ends) + " restarts in half a minute" + restartRemark(folder));
+    std::this_thread::sleep_for(std::min(step * static_cast<double>(ends - freeEnds), longestPause));
 }
 
 /// Returns for how many seconds missing value files are waited for: only at the first start, when there is no copy yet.
@@ -163,6 +178,7 @@ Result salvage(const std::string& checker, const std::string& file, const std::s
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     std::vector<std::string> words{checker, "--salvage", copy, "--wait", std::to_string(wait.count()), "--", file};
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
