@@ -18,48 +18,63 @@ namespace check {
 
 namespace {
 
-/// What earlier elements have declared under one name at one object path.
-struct PublishedProperty {
-    Finding duplicate;       ///< the finding that is made when there is a second one
-    bool isReadable = false; ///< by what one of them says
-    bool isAnswered = false; ///< one of them has the object's interface: the first one answers
-    bool isFatal = false;    ///< the daemon ends over the value of that one
+/// The element that answers for a property, of those that earlier elements have published at an object path.
+struct Answerer {
+    bool isFatal;          ///< the daemon ends over its value
+    std::size_t valueSize; ///< in bytes
 };
 
 /// What earlier elements have published at one object path.
 struct PublishedObject {
     std::size_t firstElement;
     std::string interface;
-    std::map<std::string, PublishedProperty> properties; ///< by name
+    std::map<std::string, Finding> duplicates; ///< by name: the finding that is made when there is a second one
+    std::map<std::string, Answerer> answerers; ///< by name: the first element that has the object's interface
+    std::set<std::string> readable;            ///< names that the bus library lets clients read
 };
 
-/// What earlier elements have published.
+/// What earlier elements have published, without those that are left out.
 struct Published {
     std::map<std::string, PublishedObject> objects; ///< by relative object path
     std::size_t size = 0;                           ///< of all texts and values, in bytes
-    std::vector<std::size_t> elements;              ///< positions of those elements
-    std::vector<ConfigEntry> entries;               ///< and what they are to the daemon, but for the values
+    std::set<std::size_t> leftOut;                  ///< positions of the elements that are left out
 };
 
-/// How many findings a salvage keeps, as it has a memory limit, before it passes over those that leave no element out.
+/// How many findings a salvage keeps, as it has a memory limit.
 constexpr std::size_t mostFindings = 1000;
 
-/// Returns the introspection document of these entries.
-std::string introspectionDocument(const std::vector<ConfigEntry>& entries) {
-    std::string xml;
-    ConfigFileParser::getInstance()->entries = entries;
-    dbus::DBusServices::generateXMLFile(xml);
-    ConfigFileParser::getInstance()->entries.clear();
-    return xml;
+/// What the bus library makes of an element by itself.
+struct Declaration {
+    std::string error;       ///< why it refuses the document; empty: it does not
+    std::string name;        ///< of the property: entities are resolved, and line ends and tabs are blanks
+    bool isReadable = false; ///< for clients
+};
+
+/// Whether the node has no more in it than the one property of one element.
+bool isPlain(const GDBusNodeInfo& node) {
+    const GDBusInterfaceInfo* const interface = node.interfaces == nullptr ? nullptr : node.interfaces[0];
+    return interface != nullptr && node.interfaces[1] == nullptr && interface->properties != nullptr &&
+           interface->properties[0] != nullptr && interface->properties[1] == nullptr;
 }
 
-/// Returns what the daemon's introspection parser says to the element, or nothing when it accepts it.
-std::string introspectionError(const ConfigEntry& entry) {
+Declaration declarationOf(const ConfigEntry& entry) {
+    std::string xml;
+    ConfigFileParser::getInstance()->entries = {entry};
+    dbus::DBusServices::generateXMLFile(xml);
+    ConfigFileParser::getInstance()->entries.clear();
     try {
-        Gio::DBus::NodeInfo::create_for_xml(introspectionDocument({entry}));
-        return {};
+        const auto document = Gio::DBus::NodeInfo::create_for_xml(xml);
+        const GDBusNodeInfo& root = *document->gobj();
+        const bool isChild = !entry.objectPath.empty();
+        const bool hasChild = root.nodes != nullptr && root.nodes[0] != nullptr;
+        const bool hasChildren = hasChild && root.nodes[1] != nullptr;
+        const bool hasInterface = root.interfaces != nullptr && root.interfaces[0] != nullptr;
+        if (isChild != hasChild || hasChildren || isChild == hasInterface || !isPlain(isChild ? *root.nodes[0] : root))
+            return {"it has markup in it", "", false};
+        const GDBusPropertyInfo& property = *(isChild ? root.nodes[0] : &root)->interfaces[0]->properties[0];
+        return {"", property.name, (property.flags & G_DBUS_PROPERTY_INFO_FLAGS_READABLE) != 0};
     } catch (const Glib::Error& error) {
-        return error.what();
+        return {error.what(), "", false};
     }
 }
 
@@ -77,14 +92,16 @@ std::string fullObjectPath(const ConfigEntry& entry) {
     return entry.objectPath.empty() ? root : root + "/" + entry.objectPath;
 }
 
-/// Checks the names that are published. An interface that differs from its object's is not one of them.
-void checkNames(const Element& element, const PublishedObject& object) {
+/// Checks the names that are published. An interface that differs from its object's is not one of them. Returns what
+/// they declare.
+Declaration checkNames(const Element& element, const PublishedObject& object) {
     ConfigEntry entry = element.entry;
     if (entry.interface != object.interface)
         entry.interface = "Unpublished"; // nothing is wrong with this one
-    if (const std::string error = introspectionError(entry); !error.empty()) {
-        element.report(Kind::introspection, "", "breaks the introspection document: " + error);
-        return;
+    Declaration declaration = declarationOf(entry);
+    if (!declaration.error.empty()) {
+        element.report(Kind::introspection, "", "breaks the introspection document: " + declaration.error);
+        return declaration;
     }
     const std::string path = fullObjectPath(entry);
     if (g_variant_is_object_path(path.c_str()) == FALSE)
@@ -105,6 +122,7 @@ void checkNames(const Element& element, const PublishedObject& object) {
                        entry.type.empty() ? "is missing" : quoted(entry.type) + " is no valid type");
     else if (std::string_view("sbdiu").find(entry.type) == std::string_view::npos)
         element.report(Kind::answeredAsText, "type", "type " + quoted(entry.type));
+    return declaration;
 }
 
 /// Checks the element against the earlier ones on its object path.
@@ -114,174 +132,135 @@ void checkNeighbours(const Element& element, const PublishedObject& object) {
         element.report(Kind::interfaceDiffers, "interface",
                        quoted(entry.interface) + " differs from " + quoted(object.interface) + " of element " +
                            std::to_string(object.firstElement) + ", the first one on this object path");
-    const auto property = object.properties.find(entry.name);
-    if (property == object.properties.end())
+    const auto known = object.duplicates.find(entry.name);
+    if (known == object.duplicates.end())
         return;
     // Both are at fault: the bus library goes by the last declaration, and the daemon by the first entry.
     const std::string sameAs = " has the same object path and name";
-    Finding earlier = property->second.duplicate;
+    Finding earlier = known->second;
     earlier.reason = "element " + std::to_string(element.position) + sameAs;
     element.findings.push_back(earlier);
     element.report(Kind::duplicateItem, "name", "element " + std::to_string(*earlier.element) + sameAs);
 }
 
-/// Returns how much the element adds to what the daemon holds in memory, many times over.
-std::size_t sizeOf(const ConfigEntry& entry, const std::string& content) {
-    return content.size() + entry.name.size() + entry.interface.size() + entry.objectPath.size() + entry.type.size();
+/// Returns how much of a configuration's size an entry is, without its value.
+std::size_t sizeOf(const ConfigEntry& entry) {
+    return entry.name.size() + entry.interface.size() + entry.objectPath.size() + entry.type.size();
 }
 
-/// Checks the value, and updates what is known of the property. Returns how much it adds to the size so far.
-std::size_t checkContent(const Element& element, const std::string& content, bool answers, std::size_t sizeSoFar,
-                         PublishedProperty& property) {
-    const std::size_t before = element.findings.size();
-    const bool isSound = checkValue(element, content);
-    if (!property.isReadable)
-        element.findings.resize(before);
-    if (answers)
-        property.isFatal = !isSound;
-    const std::size_t size = sizeOf(element.entry, content);
-    if (sizeSoFar + size <= largestTotal)
-        return size;
-    element.report(Kind::valueTooLong, "path",
-                   "with those before it, names and values have more than " + std::to_string(largestTotal) + " bytes");
-    return 0;
-}
-
-/// Marks the findings for which the element at this position has to be left out, from the given one on. Returns whether
-/// there are any.
-bool markLeftOut(std::vector<Finding>& findings, std::size_t begin, std::size_t position, bool isFatalWhenRead) {
+/// Marks the findings for which the element is left out, from the given one on. Returns whether there are any.
+bool markLeftOut(const Element& element, std::size_t begin, bool isFatal) {
+    std::vector<Finding>& findings = element.findings;
     bool isLeftOut = false;
     for (std::size_t i = begin; i < findings.size(); ++i) {
         const Salvage salvage = kindInfo(findings[i].kind).salvage;
-        findings[i].isLeftOut =
-            findings[i].element == position &&
-            (salvage == Salvage::leavesOut || (salvage == Salvage::leavesOutWhenRead && isFatalWhenRead));
+        findings[i].isLeftOut = findings[i].element == element.position &&
+                                (salvage == Salvage::leavesOut || (salvage == Salvage::leavesOutWhenRead && isFatal));
         isLeftOut = isLeftOut || findings[i].isLeftOut;
     }
-    if (isLeftOut) // others have no quarrel with an element that is not there
+    if (!isLeftOut && isFatal) {
+        element.report(Kind::duplicateItem, "name", "is published under the name of an element that cannot be read");
+        findings.back().isLeftOut = isLeftOut = true;
+    }
+    if (isLeftOut) // findings of others about this element no longer apply
         findings.erase(std::remove_if(findings.begin() + static_cast<std::ptrdiff_t>(begin), findings.end(),
-                                      [=](const Finding& finding) { return finding.element != position; }),
+                                      [&](const Finding& finding) { return finding.element != element.position; }),
                        findings.end());
     return isLeftOut;
+}
+
+/// What an element adds to its object.
+struct Addition {
+    bool isFatal = false;             ///< the daemon ends over a read of a property that the element declares
+    std::size_t size = 0;             ///< in bytes, of what the daemon holds and answers
+    std::optional<Answerer> answerer; ///< the element answers for its name
+};
+
+/// Checks the value, and what clients get when they read the object with this element.
+Addition checkReading(const Element& element, const Declaration& declaration, const PublishedObject& object,
+                      const Options& options, std::size_t sizeSoFar) {
+    const ConfigEntry& entry = element.entry;
+    Addition addition{false, sizeOf(entry), std::nullopt};
+    if (entry.interface == object.interface && object.answerers.count(entry.name) == 0)
+        addition.answerer = Answerer{false, 0};
+    const bool declaresItself = declaration.isReadable && declaration.name == entry.name;
+    const bool isRead = addition.answerer && (declaresItself || object.readable.count(entry.name) != 0);
+    if (const auto content = options.readsValues ? checkValueFile(element, options) : std::nullopt) {
+        const std::size_t before = element.findings.size();
+        const bool isFatal = !checkValue(element, *content);
+        if (!element.isReadable() && !isRead)
+            element.findings.resize(before);
+        if (addition.answerer)
+            addition.answerer = Answerer{isFatal, content->size()};
+        addition.isFatal = isRead && isFatal;
+        addition.size += content->size();
+    }
+    // A name that is declared once more is answered once more, by the same element.
+    const auto answerer = object.answerers.find(declaration.name);
+    if (declaration.isReadable && answerer != object.answerers.end()) {
+        addition.isFatal = addition.isFatal || answerer->second.isFatal;
+        addition.size += answerer->second.valueSize;
+    }
+    if (sizeSoFar + addition.size > largestTotal) {
+        element.report(Kind::valueTooLong, "path",
+                       "with those before it, names and values have more than " + std::to_string(largestTotal) +
+                           " bytes");
+        addition.size = 0;
+    }
+    return addition;
 }
 
 /// Checks an element, and adds it to what is published unless it is left out.
 void checkElement(Element& element, const Options& options, Published& published) {
     const std::size_t begin = element.findings.size();
     if (!checkKeys(element)) {
-        if (options.isSalvage)
-            markLeftOut(element.findings, begin, element.position, false);
+        if (options.isSalvage && markLeftOut(element, begin, false))
+            published.leftOut.insert(element.position);
         return;
     }
     const ConfigEntry& entry = element.entry;
-    const auto [known, isNew] =
-        published.objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}});
-    PublishedObject& object = known->second;
-    checkNames(element, object);
+    const auto [place, isNew] =
+        published.objects.try_emplace(entry.objectPath, PublishedObject{element.position, entry.interface, {}, {}, {}});
+    PublishedObject& object = place->second;
+    const Declaration declaration = checkNames(element, object);
     checkNeighbours(element, object);
     checkStorage(element);
-
-    const auto earlier = object.properties.find(entry.name);
-    PublishedProperty property = earlier == object.properties.end()
-                                     ? PublishedProperty{element.finding(Kind::duplicateItem, "name", "")}
-                                     : earlier->second;
-    // The bus library declares a name with an entity in it as another one, under which no entry is found.
-    const bool isPlain = entry.name.find('&') == std::string::npos;
-    const bool answers = entry.interface == object.interface && isPlain && !property.isAnswered;
-    property.isReadable = property.isReadable || element.isReadable();
-    property.isAnswered = property.isAnswered || answers;
-    std::size_t size = sizeOf(entry, "");
-    if (options.readsValues)
-        if (const auto content = checkValueFile(element, options))
-            size = checkContent(element, *content, answers, published.size, property);
-    if (options.isSalvage &&
-        markLeftOut(element.findings, begin, element.position, property.isReadable && property.isFatal)) {
+    const Addition addition = checkReading(element, declaration, object, options, published.size);
+    if (options.isSalvage && markLeftOut(element, begin, addition.isFatal)) {
+        published.leftOut.insert(element.position);
         if (isNew)
-            published.objects.erase(known);
+            published.objects.erase(place);
         return;
     }
-    object.properties.insert_or_assign(entry.name, property);
-    published.size += size;
-    published.elements.push_back(element.position);
-    published.entries.push_back(entry);
+    object.duplicates.try_emplace(entry.name, element.finding(Kind::duplicateItem, "name", ""));
+    if (addition.answerer)
+        object.answerers.try_emplace(entry.name, *addition.answerer);
+    if (declaration.isReadable)
+        object.readable.insert(declaration.name);
+    published.size += addition.size;
 }
 
-/// Whether the bus library takes in these entries together. Each may be fine by itself, and yet have a name with which
-/// it ends the markup of another.
-bool areAccepted(const std::vector<ConfigEntry>& entries) {
-    try {
-        const auto document = Gio::DBus::NodeInfo::create_for_xml(introspectionDocument(entries));
-        std::set<std::pair<std::string, std::string>> registered;
-        const auto isRegistered = [&](const GDBusNodeInfo& node) {
-            for (GDBusInterfaceInfo** interface = node.interfaces; interface != nullptr && *interface != nullptr;
-                 ++interface)
-                if (node.path == nullptr || g_variant_is_object_path(node.path) == FALSE ||
-                    g_dbus_is_interface_name((*interface)->name) == FALSE ||
-                    !registered.emplace(node.path, (*interface)->name).second)
-                    return false;
-            return true;
-        };
-        bool areRegistered = isRegistered(*document->gobj());
-        for (GDBusNodeInfo** node = document->gobj()->nodes; areRegistered && node != nullptr && *node != nullptr;
-             ++node)
-            areRegistered = isRegistered(**node);
-        return areRegistered;
-    } catch (const Glib::Error&) {
-        return false;
-    }
-}
-
-/// Returns the position of an element that makes the entries up to and with it unacceptable, if all together are.
-std::optional<std::size_t> findCulprit(const Published& published) {
-    const auto first = [&](std::size_t count) {
-        return std::vector<ConfigEntry>(published.entries.begin(),
-                                        published.entries.begin() + static_cast<std::ptrdiff_t>(count));
-    };
-    std::size_t accepted = 0;
-    std::size_t refused = published.entries.size();
-    if (areAccepted(published.entries))
-        return std::nullopt;
-    while (refused - accepted > 1) {
-        const std::size_t middle = accepted + (refused - accepted) / 2;
-        (areAccepted(first(middle)) ? accepted : refused) = middle;
-    }
-    return published.elements[accepted];
-}
-
-/// Forgets an element's findings, from the given one on, when there are too many, but for those that leave it out.
-void bound(std::vector<Finding>& findings, std::size_t begin, const Element& element) {
-    if (begin > mostFindings)
-        findings.erase(std::remove_if(findings.begin() + static_cast<std::ptrdiff_t>(begin), findings.end(),
-                                      [](const Finding& finding) { return !finding.isLeftOut; }),
-                       findings.end());
-    else if (findings.size() > mostFindings)
-        element.report(Kind::moreFindings, "", "from here on, only findings that leave an element out are told of");
-}
-
-/// Checks all elements. A salvage does so without those that earlier rounds have found at fault, of which it knows.
-Published checkElements(const Document& document, const Options& options, const std::set<std::size_t>& culprits,
-                        std::vector<Finding>& findings) {
+/// Checks all elements. Returns the positions of those that a salvage leaves out.
+std::set<std::size_t> checkElements(const Document& document, const Options& options, std::vector<Finding>& findings) {
     Published published;
     for (Json::ArrayIndex i = 0; i < document.root().size(); ++i) {
         const std::size_t begin = findings.size();
         Element element{document, document.root()[i], i, findings, {}};
-        if (culprits.count(i) == 0) {
-            checkElement(element, options, published);
-        } else if (checkKeys(element)) {
-            element.report(Kind::introspection, "", "breaks the introspection document of the other elements");
-            findings.back().isLeftOut = true;
-        }
-        if (options.isSalvage)
-            bound(findings, begin, element);
+        checkElement(element, options, published);
+        if (options.isSalvage && begin > mostFindings)
+            findings.resize(begin);
+        else if (options.isSalvage && findings.size() > mostFindings)
+            element.report(Kind::moreFindings, "", "from here on, no finding is reported");
     }
-    return published;
+    return published.leftOut;
 }
 
 } // namespace
 
-std::vector<Finding> checkDocument(const std::string& file, const Document& document, const Options& options) {
+Checked checkDocument(const std::string& file, const Document& document, const Options& options) {
     Gio::init();
-    std::vector<Finding> findings = document.findings();
+    Checked checked{document.findings(), {}};
+    std::vector<Finding>& findings = checked.findings;
     const Json::Value& root = document.root();
     if (document.isValid() && !root.isArray()) {
         Finding finding{};
@@ -290,14 +269,7 @@ std::vector<Finding> checkDocument(const std::string& file, const Document& docu
         finding.reason = "the document is " + typeName(root) + ", not an array";
         findings.push_back(finding);
     } else if (document.isValid()) {
-        const std::size_t begin = findings.size();
-        std::set<std::size_t> culprits;
-        Published published = checkElements(document, options, culprits, findings);
-        while (const auto culprit = options.isSalvage ? findCulprit(published) : std::nullopt) {
-            culprits.insert(*culprit);
-            findings.resize(begin);
-            published = checkElements(document, options, culprits, findings);
-        }
+        checked.leftOut = checkElements(document, options, findings);
     }
     std::stable_sort(findings.begin(), findings.end(),
                      [](const Finding& one, const Finding& other) { return one.element < other.element; });
@@ -306,11 +278,11 @@ std::vector<Finding> checkDocument(const std::string& file, const Document& docu
         finding.reason = printable(finding.reason); // the libraries' messages quote the file as it is
         finding.severity = finding.isLeftOut ? Severity::error : kindInfo(finding.kind).severity;
     }
-    return findings;
+    return checked;
 }
 
 std::vector<Finding> checkText(const std::string& file, const std::string& text, const Options& options) {
-    return checkDocument(file, Document(text), options);
+    return checkDocument(file, Document(text), options).findings;
 }
 
 std::vector<Finding> checkFile(const std::string& file, const Options& options) {

@@ -3,6 +3,8 @@
 #include "Document.h"
 #include "Findings.h"
 
+#include <cstddef>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,8 +21,14 @@ struct Options {
 /// Checks a configuration file; returns what was found, in the order of the file.
 std::vector<Finding> checkFile(const std::string& file, const Options& options);
 
+/// What a check finds, in the order of the file, and which elements a salvage leaves out, by their positions.
+struct Checked {
+    std::vector<Finding> findings;
+    std::set<std::size_t> leftOut;
+};
+
 /// Checks a configuration that has been read already; `file` is only its name in the findings.
-std::vector<Finding> checkDocument(const std::string& file, const Document& document, const Options& options);
+Checked checkDocument(const std::string& file, const Document& document, const Options& options);
 
 /// Checks a configuration given as text; `file` is only its name in the findings.
 std::vector<Finding> checkText(const std::string& file, const std::string& text, const Options& options);

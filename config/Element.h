@@ -14,8 +14,7 @@ namespace check {
 /// answers a client that asks for all of them. With this total, 16 such clients at once take it to 93 MB; the memory
 /// limit of its service is 128 MB.
 constexpr std::size_t largestTotal = std::size_t{4} << 20U;
-/// Longest configuration, in bytes, that the service parses: the checker, which takes more than the daemon, stays below
-/// 60 MB with any.
+/// Longest configuration, in bytes, that the service takes. The daemon needs 32 MB at most to parse one.
 constexpr std::size_t largestConfiguration = std::size_t{512} << 10U;
 
 /// One element of the configuration under check: what the daemon makes of it, and a way to report.

@@ -48,7 +48,7 @@ constexpr std::array kinds{
     KindInfo{Kind::valuePart, "value-part", warning, R"(correct the value or use type "s")"},
     KindInfo{Kind::valueNul, "value-nul", warning, "remove the NUL, clients see only the text before it"},
     KindInfo{Kind::valueBoolean, "value-boolean", warning, R"(only the text "true" is published as true)"},
-    KindInfo{Kind::repeatedBase, "repeated-base", warning, "write only what comes behind the daemon's own name"},
+    KindInfo{Kind::repeatedBase, "repeated-base", warning, "write only what comes after the daemon's own name"},
     KindInfo{Kind::answeredAsText, "answered-as-text", warning,
              R"(use "s", or "b", "d", "i" or "u", clients get a string for every other type)"},
     KindInfo{Kind::noAccess, "no-access", warning, R"(set "read" or "write", it is published as readable)"},
@@ -70,7 +70,7 @@ constexpr std::array kinds{
     KindInfo{Kind::fuseEnd, "fuse-end", warning,
              R"(correct "offset" or "length", missing bytes are zero or repeat the last one)"},
     KindInfo{Kind::fuseWhitespace, "fuse-whitespace", warning,
-             "publish up to 4 bytes an item, longer ones skip whitespace bytes and read on behind their end"},
+             "publish up to 4 bytes an item, longer ones skip whitespace bytes and read on past their end"},
     KindInfo{Kind::fuseRange, "fuse-range", warning,
              R"(use type "s" or fewer bytes, on a board with a larger value the daemon ends when a client reads it)"},
     KindInfo{Kind::hugeLength, "huge-length", warning, "correct it, the daemon holds the value in memory many times"},
@@ -80,7 +80,7 @@ constexpr std::array kinds{
              R"(remove it, only values of "location" "fuses" are translated)"},
     KindInfo{Kind::translateKey, "translate-key", warning, "correct or remove it, it never matches"},
     KindInfo{Kind::translateValue, "translate-value", warning, "write a string, the daemon ignores the member"},
-    KindInfo{Kind::moreFindings, "more-findings", warning, "correct the ones that are told of first"},
+    KindInfo{Kind::moreFindings, "more-findings", warning, "correct those above first"},
 };
 
 constexpr bool inOrder() {

@@ -106,8 +106,7 @@ std::string excerpt(const std::string& text);
 /// Returns a finding in the words for people: the element, the key and the reason.
 std::string describe(const Finding& finding);
 
-/// Writes the findings like a compiler's, one a line; with the prefixes by which the journal knows priorities on
-/// demand.
+/// Writes the findings like a compiler's, one a line; optionally with the journal's priority prefixes.
 void writeText(std::ostream& out, const std::vector<Finding>& findings, bool hasPriorities = false);
 
 /// Writes the findings as one JSON array of objects.

@@ -44,6 +44,10 @@ void blankComma(std::string& text, std::size_t at) {
 std::string cut(const Document& document, const std::set<std::size_t>& leftOut) {
     const Json::Value& root = document.root();
     std::string text = document.text();
+    if (leftOut.size() == root.size()) { // the daemon's JSON library takes no array with nothing but a comment in it
+        blank(text, document.beginOf(root) + 1, document.endOf(root) - 1);
+        return text;
+    }
     std::optional<std::size_t> lastComma; // after the last element that stays
     for (Json::ArrayIndex i = 0; i < root.size(); ++i) {
         const std::size_t comma = skipBlanks(document.text(), document.endOf(root[i]));
@@ -70,20 +74,17 @@ std::string cut(const Document& document, const std::set<std::size_t>& leftOut) 
 
 Salvaged salvageDocument(const std::string& file, const Document& document, Options options) {
     options.isSalvage = true;
+    const Checked checked = checkDocument(file, document, options);
     Salvaged salvaged;
-    salvaged.findings = checkDocument(file, document, options);
+    salvaged.findings = checked.findings;
     if (!document.isValid() || !document.root().isArray()) {
         salvaged.findings = {salvaged.findings.back()}; // the obstacle
         salvaged.findings.front().severity = Severity::error;
         return salvaged;
     }
-    std::set<std::size_t> leftOut;
-    for (const Finding& finding : salvaged.findings)
-        if (finding.isLeftOut)
-            leftOut.insert(*finding.element);
     salvaged.elements = document.root().size();
-    salvaged.leftOut = leftOut.size();
-    salvaged.text = leftOut.empty() ? document.text() : cut(document, leftOut);
+    salvaged.leftOut = checked.leftOut.size();
+    salvaged.text = checked.leftOut.empty() ? document.text() : cut(document, checked.leftOut);
     return salvaged;
 }
 
@@ -116,6 +117,17 @@ void waitForFiles(const Json::Value& root, std::chrono::milliseconds patience, s
     }
 }
 
+/// Cuts a long text, not in the middle of a character: the service manager takes no status of more than 4096 bytes.
+std::string shortened(std::string text) {
+    constexpr std::size_t longest = 300;
+    if (text.size() <= longest)
+        return text;
+    std::size_t end = longest;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+        --end;
+    return text.substr(0, end) + "...";
+}
+
 } // namespace
 
 std::string Salvaged::summary() const {
@@ -132,7 +144,7 @@ std::string Salvaged::summary() const {
         if (!finding.isLeftOut || finding.element == last || named == most)
             continue;
         last = finding.element;
-        line += (named++ == 0 ? "; left out: " : "; ") + describe(finding);
+        line += (named++ == 0 ? "; left out: " : "; ") + shortened(describe(finding));
     }
     return named < leftOut ? line + "; and " + std::to_string(leftOut - named) + " more" : line;
 }

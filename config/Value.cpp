@@ -21,7 +21,7 @@ void checkFuseBytes(const Element& element, const ValueFile& file) {
         if (size < length)
             element.report(Kind::fuseEnd, "length",
                            std::to_string(length - size) + " of " + std::to_string(length) +
-                               " bytes are behind the end of " + quoted(element.entry.path));
+                               " bytes are past the end of " + quoted(element.entry.path));
         return;
     }
     if (const auto skipped = std::count_if(file.bytes.begin(), inRange, isSkipped); skipped != 0)
@@ -32,7 +32,7 @@ void checkFuseBytes(const Element& element, const ValueFile& file) {
     if (const std::size_t usable = size - static_cast<std::size_t>(blanks); usable < length)
         element.report(Kind::fuseEnd, "length",
                        std::to_string(length - usable) + " of " + std::to_string(length) +
-                           " bytes are behind the end of " + quoted(element.entry.path));
+                           " bytes are past the end of " + quoted(element.entry.path));
 }
 
 /// Lets the daemon read the copy instead of the file.
@@ -68,6 +68,19 @@ bool checkText(const Element& element, const std::string& content) {
     return isUtf8;
 }
 
+/// Reports a file that a client's Set could not write. A salvage is made by the service itself, which so learns whether
+/// it may.
+void checkWriteTarget(const Element& element, const Options& options) {
+    const std::string& path = element.entry.path;
+    if (!element.entry.isWrite || path.empty())
+        return;
+    const bool isService = options.isSalvage && options.root.empty();
+    if (const std::string obstacle = ValueFile::writeObstacle(options.root, path); !obstacle.empty())
+        element.report(Kind::writeTarget, "path", "cannot create " + quoted(path) + ": " + obstacle);
+    else if (const std::string own = isService ? ValueFile::permissionObstacle(path) : ""; !own.empty())
+        element.report(Kind::writeTarget, "path", "cannot write " + quoted(path) + ": " + own);
+}
+
 } // namespace
 
 std::optional<std::string> checkValueFile(const Element& element, const Options& options) {
@@ -75,14 +88,7 @@ std::optional<std::string> checkValueFile(const Element& element, const Options&
     const bool isFuses = entry.location == "fuses";
     if (isFuses && entry.length > largestTotal / 2)
         return std::nullopt;
-    if (entry.isWrite && !entry.path.empty()) {
-        const std::string obstacle = ValueFile::writeObstacle(options.root, entry.path);
-        if (!obstacle.empty())
-            element.report(Kind::writeTarget, "path", "cannot create " + quoted(entry.path) + ": " + obstacle);
-        else if (const std::string own = options.isSalvage ? ValueFile::permissionObstacle(entry.path) : "";
-                 !own.empty())
-            element.report(Kind::writeTarget, "path", "cannot write " + quoted(entry.path) + ": " + own);
-    }
+    checkWriteTarget(element, options);
     const ValueFile file =
         isFuses ? ValueFile::readBytes(options.root, entry.path, entry.offset, std::max(entry.length, longestNumber))
                 : ValueFile::readLine(options.root, entry.path);

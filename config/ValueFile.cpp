@@ -53,6 +53,11 @@ Descriptor locate(const std::string& root, const std::string& path) {
     return Descriptor(static_cast<int>(syscall(SYS_openat2, directory.get(), path.c_str(), &how, sizeof how)));
 }
 
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
 /// Fills in what there is instead of a regular file.
 void describeOther(mode_t mode, ValueFile& file) {
     switch (mode & static_cast<mode_t>(S_IFMT)) {
@@ -162,18 +167,18 @@ std::string ValueFile::writeObstacle(const std::string& root, const std::string&
     }
     if (errno != ENOENT)
         return std::generic_category().message(errno);
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const std::string folder = folderOf(path);
     if (path.empty() || !locate(root, folder).isOpen())
         return std::generic_category().message(ENOENT);
     return {};
 }
 
 std::string ValueFile::permissionObstacle(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const bool exists = access(path.c_str(), F_OK) == 0;
-    return access(exists ? path.c_str() : folder.c_str(), W_OK) == 0 ? "" : std::generic_category().message(errno);
+    const std::string folder = folderOf(path);
+    const bool exists = faccessat(AT_FDCWD, path.c_str(), F_OK, AT_EACCESS) == 0;
+    const int result = exists ? faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS)
+                              : faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS);
+    return result == 0 ? "" : std::generic_category().message(errno);
 }
 
 MemoryFile::MemoryFile(const ValueFile& file) : descriptor(memfd_create("value", MFD_CLOEXEC)) {

@@ -42,7 +42,7 @@ void complain(const std::string& text) { std::cerr << SD_WARNING << "korvaneinfo
 /// The file that says how the daemon has ended the last time; there is none after an orderly stop.
 std::string lastEndFile(const std::string& folder) { return folder + "/last-end"; }
 
-/// Returns how the daemon has ended, of which the service manager tells in the environment; empty: it was stopped.
+/// Returns how the daemon ended, from the service manager's variables; empty after an orderly stop.
 std::string describeEnd() {
     const std::string result = variable("SERVICE_RESULT");
     const std::string code = variable("EXIT_CODE");
@@ -63,20 +63,26 @@ std::string describeEnd() {
 /// Seconds on the clock that counts from the boot.
 double now() { return Seconds(Clock::now().time_since_epoch()).count(); }
 
-/// The file with the times at which the daemon has ended by itself, oldest first.
-std::string endsFile(const std::string& folder) { return folder + "/ends"; }
+/// A kind of ends of the daemon, of which the times are kept in a file of the runtime directory.
+struct Ends {
+    const char* file;
+    std::size_t free; ///< so many within half a minute slow nothing down
+};
 
-constexpr Seconds endsWindow(30); ///< ends that are longer ago do not matter
+constexpr Ends failures{"/failures", 10};
+/// For lack of memory, above all. A flood of requests takes its time to fill it, and after it there is no time to lose.
+constexpr Ends kills{"/kills", 40};
 
-/// Returns the times of recent ends.
-std::vector<double> recentEnds(const std::string& folder) {
-    std::ifstream file(endsFile(folder));
-    std::vector<double> ends{std::istream_iterator<double>(file), {}};
+/// Returns the times of recent ends, oldest first.
+std::vector<double> recentEnds(const std::string& folder, const Ends& ends) {
+    constexpr Seconds window(30);
+    std::ifstream file(folder + ends.file);
+    std::vector<double> times{std::istream_iterator<double>(file), {}};
     const double latest = now();
-    ends.erase(std::remove_if(ends.begin(), ends.end(),
-                              [&](double end) { return end > latest || end < latest - endsWindow.count(); }),
-               ends.end());
-    return ends;
+    times.erase(std::remove_if(times.begin(), times.end(),
+                               [&](double time) { return time > latest || time < latest - window.count(); }),
+                times.end());
+    return times;
 }
 
 /// Sets the status after the daemon has ended, and keeps what the next start has to know.
@@ -89,14 +95,14 @@ int noteEnd(const std::string& folder) {
     if (!end.empty())
         std::ofstream(lastEndFile(folder)) << end << '\n';
     setStatus(end);
-    // A flood of requests takes its time to fill the memory, and after it there is no time to lose.
-    if (end.empty() || status == "KILL")
+    if (end.empty())
         return 0;
-    std::vector<double> ends = recentEnds(folder);
-    ends.push_back(now());
-    std::ofstream file(endsFile(folder));
+    const Ends& ends = status == "KILL" ? kills : failures;
+    std::vector<double> times = recentEnds(folder, ends);
+    times.push_back(now());
+    std::ofstream file(folder + ends.file);
     file.precision(12);
-    std::copy(ends.begin(), ends.end(), std::ostream_iterator<double>(file, "\n"));
+    std::copy(times.begin(), times.end(), std::ostream_iterator<double>(file, "\n"));
     return 0;
 }
 
@@ -111,22 +117,26 @@ std::string restartRemark(const std::string& folder) {
 /// With a limit on starts, the service manager would give up, and could be made to by any client who can end the
 /// daemon.
 void slowDown(const std::string& folder) {
-    constexpr std::size_t freeEnds = 10;
     constexpr Seconds step(0.25);
     constexpr Seconds longestPause(1.5);
-    const std::size_t ends = recentEnds(folder).size();
-    if (ends <= freeEnds)
-        return;
-    setStatus("Pausing after " + std::to_string(ends) + " restarts in half a minute" + restartRemark(folder));
-    std::this_thread::sleep_for(std::min(step * static_cast<double>(ends - freeEnds), longestPause));
+    for (const Ends& ends : {failures, kills}) {
+        const std::size_t count = recentEnds(folder, ends).size();
+        if (count <= ends.free)
+            continue;
+        setStatus("Pausing after " + std::to_string(count) + " ends in half a minute" + restartRemark(folder));
+        std::this_thread::sleep_for(std::min(step * static_cast<double>(count - ends.free), longestPause));
+    }
 }
 
-/// Returns for how many seconds missing value files are waited for: only at the first start, when there is no copy yet.
-std::chrono::seconds patience(const std::string& copy) {
+/// The file that says that the first start since the boot is over.
+std::string waitedFile(const std::string& folder) { return folder + "/waited"; }
+
+/// Returns for how many seconds missing value files are waited for: at the first start only.
+std::chrono::seconds patience(const std::string& folder) {
     const std::string text = variable("VALUE_FILE_WAIT_SEC");
     int seconds = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (text.empty() || access(copy.c_str(), F_OK) == 0)
+    if (text.empty() || access(waitedFile(folder).c_str(), F_OK) == 0)
         return std::chrono::seconds(0);
     if (error != std::errc() || end != text.data() + text.size() || seconds < 0) {
         complain("VALUE_FILE_WAIT_SEC: " + text + " is no number of seconds");
@@ -163,8 +173,8 @@ struct Result {
 };
 
 /// Runs the checker, which writes the copy. Kills it when it takes too long.
-Result salvage(const std::string& checker, const std::string& file, const std::string& copy) {
-    const std::chrono::seconds wait = patience(copy);
+Result salvage(const std::string& checker, const std::string& file, const std::string& copy,
+               std::chrono::seconds wait) {
     std::remove(copy.c_str());
     const Clock::duration time = wait + checkerTime;
     if (wait.count() != 0)
@@ -226,7 +236,8 @@ int main(int argc, char* argv[]) {
     slowDown(folder);
     std::string file = argv[2];
     const std::string copy = folder + "/board.json";
-    const Result result = salvage(ownFolder() + "korvaneinfoctl-check", file, copy);
+    const Result result = salvage(ownFolder() + "korvaneinfoctl-check", file, copy, patience(folder));
+    std::ofstream(waitedFile(folder)).close();
     const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
     constexpr int errorsFound = 1;
     constexpr int hopeless = 3;
@@ -244,6 +255,9 @@ int main(int argc, char* argv[]) {
     std::string option = "-c";
     const std::array<char*, 4> arguments{argv[1], option.data(), file.data(), nullptr};
     execv(argv[1], arguments.data());
-    complain(std::string("cannot run ") + argv[1] + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+    const std::string error =
+        std::string("cannot run ") + argv[1] + ": " + std::strerror(errno); // NOLINT(concurrency-mt-unsafe)
+    complain(error);
+    setStatus(error);
     return EX_CONFIG;
 }

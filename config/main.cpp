@@ -48,14 +48,13 @@ void printUsage(std::ostream& out) {
            "  -h, --help       show this help\n";
 }
 
-/// Reads a number of seconds, up to a day. Returns false when the text is none.
+/// Reads a number of seconds. Returns false when the text is none.
 bool parseSeconds(const char* text, std::chrono::seconds& seconds) {
-    constexpr int day = 86400;
     int number = 0;
     const char* const end = text + std::strlen(text);
     const auto [rest, error] = std::from_chars(text, end, number);
     seconds = std::chrono::seconds(number);
-    return error == std::errc() && rest == end && number >= 0 && number <= day;
+    return error == std::errc() && rest == end && number >= 0;
 }
 
 /// Returns what is wrong with the operands and with the options together; empty: nothing.
@@ -68,6 +67,8 @@ std::string usageError(const Arguments& arguments) {
         return "no file given";
     if (arguments.salvage.empty())
         return arguments.patience.count() == 0 ? "" : "--wait goes with --salvage";
+    if (arguments.patience.count() != 0 && (!root.empty() || !arguments.options.readsValues))
+        return "--wait goes neither with --root nor with --no-values";
     if (arguments.files.size() != 1)
         return "--salvage takes one file";
     if (std::filesystem::equivalent(arguments.files.front(), arguments.salvage, ignored))

@@ -22,7 +22,7 @@ VALUES = {"text": b"abc\n", "number": b"42\n", "negative": b"-1\n", "hex": b"0x1
           "fuse": bytes(range(0x80, 0x90)), "blanks": b"\x80 \t\x81\x82\x83\x84\x85\x86\x87\x88"}
 
 DATA_END = ("use \"s\", or \"b\", \"d\", \"i\" or \"u\", clients get a string for every other type [answered-as-text]")
-BASE_END = "write only what comes behind the daemon's own name [repeated-base]"
+BASE_END = "write only what comes after the daemon's own name [repeated-base]"
 NAMES = "use letters, digits and underscores"
 SIGNATURE_END = "write one complete D-Bus type such as \"s\", \"u\" or \"b\" [signature]"
 NUMBER_END = "correct the value or use type \"s\", the daemon ends when a client reads the item [value-number]"
@@ -206,12 +206,12 @@ CASES = [
     ([item(FUSE, length=WITHOUT)], ["2: warning: element 0 \"Serial\": \"length\": is 0 or missing; "
                                     "give the number of bytes, the value is always 0 [fuse-length]"]),
     ([item(FUSE, offset=15), item(LONG_FUSE, name="B", offset=10), item(FUSE, name="C", offset=16, length=1)], [
-        f"{line}: warning: element {element} \"{name}\": \"length\": {bytes_} bytes are behind the end of "
+        f"{line}: warning: element {element} \"{name}\": \"length\": {bytes_} bytes are past the end of "
         f"\"/VALUES/fuse\"; {END_END}"
         for line, element, name, bytes_ in [(2, 0, "Serial", "1 of 2"), (3, 1, "B", "2 of 8"), (4, 2, "C", "1 of 1")]]),
     ([item(LONG_FUSE, path="/VALUES/blanks")], [
         "2: warning: element 0 \"Serial\": \"length\": 2 of 8 bytes in \"/VALUES/blanks\" are whitespace; publish up to "
-        "4 bytes an item, longer ones skip whitespace bytes and read on behind their end [fuse-whitespace]"]),
+        "4 bytes an item, longer ones skip whitespace bytes and read on past their end [fuse-whitespace]"]),
     ([item(FUSE, length=4, type="i", path="/VALUES/zeros")], [
         "2: warning: element 0 \"Serial\": \"type\": 4 bytes can hold a value above 2147483647; use type \"s\" or fewer "
         "bytes, on a board with a larger value the daemon ends when a client reads it [fuse-range]"]),

@@ -163,6 +163,7 @@ def test_daemon_that_cannot_be_executed(service):
     status, _, complaints = service.start("[]")
     assert status == CONFIG
     assert "cannot run /missing: No such file or directory" in complaints
+    assert service.status() == "cannot run /missing: No such file or directory"
 
 
 def test_missing_files_are_waited_for_at_the_first_start_alone(service):
@@ -219,26 +220,33 @@ def test_start_pauses_when_the_daemon_has_ended_often(service):
     service.end("core-dump", "dumped", "TRAP")
     begin = time.monotonic()
     assert pauses_of(service) == [
-        "STATUS=Pausing after 11 restarts in half a minute; restarted, since the daemon ended by signal TRAP"]
+        "STATUS=Pausing after 11 ends in half a minute; restarted, since the daemon ended by signal TRAP"]
     assert time.monotonic() - begin >= 0.25
 
 
 def test_ends_of_long_ago_do_not_count(service):
     for _ in range(11):
         service.end("core-dump", "dumped", "TRAP")
-    ends = [float(text) for text in (service.runtime / "ends").read_text().split()]
-    (service.runtime / "ends").write_text("".join(f"{end - 31}\n" for end in ends))
+    ends = [float(text) for text in (service.runtime / "failures").read_text().split()]
+    (service.runtime / "failures").write_text("".join(f"{end - 31}\n" for end in ends))
     assert not pauses_of(service)
     service.end("core-dump", "dumped", "TRAP")
-    assert len((service.runtime / "ends").read_text().split()) == 1
+    assert len((service.runtime / "failures").read_text().split()) == 1
 
 
-@pytest.mark.parametrize("end", [("success", "killed", "TERM"), ("signal", "killed", "KILL"),
-                                 ("exit-code", "exited", str(CONFIG))])
-def test_stops_and_ends_for_lack_of_memory_do_not_count(service, end):
-    for _ in range(20):
+@pytest.mark.parametrize("end", [("success", "killed", "TERM"), ("exit-code", "exited", str(CONFIG))])
+def test_stops_do_not_count(service, end):
+    for _ in range(41):
         service.end(*end)
     assert not pauses_of(service)
+
+
+def test_ends_for_lack_of_memory_pause_later(service):
+    for _ in range(40):
+        service.end("signal", "killed", "KILL")
+    assert not pauses_of(service)
+    service.end("signal", "killed", "KILL")
+    assert len(pauses_of(service)) == 1
 
 
 def pauses_of(service):
@@ -249,10 +257,10 @@ def pauses_of(service):
 
 
 def test_broken_record_of_ends_does_no_harm(service):
-    (service.runtime / "ends").write_text("nonsense\n1e999\n")
+    (service.runtime / "failures").write_text("nonsense\n1e999\n")
     assert service.start("[]")[0] == 0
     service.end("core-dump", "dumped", "TRAP")
-    assert len((service.runtime / "ends").read_text().split()) == 1
+    assert len((service.runtime / "failures").read_text().split()) == 1
 
 
 @pytest.mark.parametrize("arguments", [[], ["x"], ["--ended", "x", "y"]])

@@ -67,6 +67,8 @@ def test_sound_configuration_is_copied_byte_for_byte(folder):
     ("[G, // ,\r\n W // ,\r /* ,\n */ ]", "[G  // ,\r\n   // ,\r /* ,\n */ ]"),
     ("[G,5,\"a,b\",[1,\n2],W,G]", "[G,         \n    G]"),
     ("\ufeff[W,G]", "\ufeff[  G]"),
+    ("[ // ],\n W // ]\n]", "[ \n  \n]"),
+    ("[/* ] */W,\nW,]// x", "[\n]// x"),
 ])
 def test_what_stays_stays_where_it_is(folder, before, after):
     def document(pattern, wrong):
@@ -142,12 +144,41 @@ def test_duplicate_that_opens_a_fatal_value_to_readers_is_left_out(folder):
         assert json.loads((folder / "copy.json").read_text()) == rest
 
 
-def test_markup_that_only_breaks_in_company_is_left_out(folder):
-    opening = item(folder, name="A' type='s' access='read'/> </interface> <!--", interface="I", objectpath="P")
-    elements = [item(folder), opening, item(folder, name="B")]
+@pytest.mark.parametrize("name", [
+    "A' type='s' access='read'/> </interface> <!--",
+    "A' type='s' access='read'/> <property name='B",
+    "A' type='s' access='read'/> </interface> <interface name='org.freedesktop.DBus.Properties'> <property name='B",
+    "A' type='s' access='read'/> </interface> </node> <node name='/x'> <interface name='a.b'> <property name='B",
+])
+def test_markup_in_a_name_is_left_out(folder, name):
+    for path in "", "P":
+        elements = [item(folder), item(folder, name=name, objectpath=path, interface="B" + path)]
+        (folder / "board.json").write_text(json.dumps(elements))
+        _, findings, _ = run_salvage("board.json", "copy.json", cwd=folder)
+        assert json.loads((folder / "copy.json").read_text()) == elements[:1]
+        assert "introspection" in {finding["kind"] for finding in findings if finding.get("leftOut")}
+
+
+def test_name_that_the_bus_library_reads_as_another_one_is_judged_as_that(folder):
+    """Entities are resolved, and tabs and line feeds become blanks."""
+    for name, declared in [("AB", "A&#66;"), ("A B", "A\tB"), ("A B", "A\nB")]:
+        hidden, opener = item(folder, name=name, type="u", read=None, write=True), item(folder, name=declared)
+        for elements in [hidden, opener], [opener, hidden]:
+            (folder / "board.json").write_text(json.dumps(elements))
+            run_salvage("board.json", "copy.json", cwd=folder)
+            assert json.loads((folder / "copy.json").read_text()) == elements[:1]
+        unreachable = [item(folder, name=declared, type="u")]
+        (folder / "board.json").write_text(json.dumps(unreachable))
+        run_salvage("board.json", "copy.json", cwd=folder)
+        assert json.loads((folder / "copy.json").read_text()) == unreachable
+
+
+def test_value_counts_for_each_property_that_it_answers(folder):
+    (folder / "long").write_bytes(b"x" * (1 << 20))
+    elements = [item(folder, path="long")] + [item(folder)] * 5
     (folder / "board.json").write_text(json.dumps(elements))
     run_salvage("board.json", "copy.json", cwd=folder)
-    assert json.loads((folder / "copy.json").read_text()) == [elements[0], elements[2]]
+    assert json.loads((folder / "copy.json").read_text()) == elements[:3]
 
 
 @pytest.mark.parametrize("text, reason", [
@@ -176,14 +207,21 @@ def test_summary_names_three_elements_and_counts_the_rest(folder):
                        "object; element 2: is a number, not an object; and 2 more\n")
 
 
-def test_findings_have_a_bound_but_for_those_that_leave_elements_out(folder):
+def test_findings_have_a_bound_and_salvage_has_none(folder):
     odd = {"interface": "B"}
     (folder / "board.json").write_text(json.dumps([odd] * 1000 + [5, "x"] * 1000 + [odd] * 1000))
-    _, findings, _ = run_salvage("board.json", "copy.json", cwd=folder)
-    assert sum(finding.get("leftOut", False) for finding in findings) == 2000
+    _, findings, summary = run_salvage("board.json", "copy.json", cwd=folder)
     assert [finding["kind"] for finding in findings].count("more-findings") == 1
-    assert len(findings) < 3100
+    assert len(findings) < 1100
     assert json.loads((folder / "copy.json").read_text()) == [odd] * 2000
+    assert summary == "2000 of 4000 items; and 2000 more\n"
+
+
+def test_summary_fits_into_a_status(folder):
+    (folder / "board.json").write_text(json.dumps([item(folder, name="\u00e4" * 6000, length="x")] * 3))
+    _, _, summary = run_salvage("board.json", "copy.json", cwd=folder)
+    assert len(summary.encode()) < 1100
+    assert summary.count("...") == 3
 
 
 def test_text_names_what_is_left_out(folder):
@@ -218,8 +256,12 @@ def test_output_that_cannot_be_written(folder):
     (["--salvage", "link.json", "board.json"], "--salvage: link.json is the file to be salvaged"),
     (["--salvage", "copy.json", "board.json", "board.json"], "--salvage takes one file"),
     (["--wait", "1", "board.json"], "--wait goes with --salvage"),
+    (["--salvage", "copy.json", "--wait", "1", "--root", ".", "board.json"],
+     "--wait goes neither with --root nor with --no-values"),
+    (["--salvage", "copy.json", "--wait", "1", "--no-values", "board.json"],
+     "--wait goes neither with --root nor with --no-values"),
     *((["--salvage", "copy.json", "--wait", text, "board.json"], f"--wait: {text} is no number of seconds")
-      for text in ("", "x", "1x", "-1", "1.5", "86401")),
+      for text in ("", "x", "1x", "-1", "1.5", "99999999999")),
 ])
 def test_wrong_usage(folder, arguments, complaint):
     (folder / "board.json").write_text("[]")
@@ -282,6 +324,14 @@ def test_file_that_this_process_cannot_write_is_told(folder):
         subprocess.run(["umount", folder], check=True)
     assert [(finding["element"], finding["reason"]) for finding in findings if finding["kind"] == "write-target"] == [
         (number, f"cannot write \"{folder}/{name}\": Read-only file system") for number, name in [(0, "text"), (1, "new")]]
+
+
+def test_image_is_not_judged_as_this_machine(folder):
+    (folder / "image" / "etc").mkdir(parents=True)
+    (folder / "image" / "etc" / "only-there").write_text("abc\n")
+    (folder / "board.json").write_text(json.dumps([item(folder, path="/etc/only-there", write=True)]))
+    _, findings, summary = run_salvage("board.json", "copy.json", "--root", "image", cwd=folder)
+    assert (findings, summary) == ([], "1 of 1 items\n")
 
 
 def test_file_that_is_hidden_from_the_service_cannot_be_read(folder):
