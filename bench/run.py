@@ -120,7 +120,8 @@ def compare(bench, entries):
         return [argument for name in names for argument in ("--", *bench.service(name, entries))]
 
     amounts = bench.amounts
-    output = bench.client("starts", amounts["starts"], *services("korvaneinfod", "launched", "gdbus", "sdbus", "giomm", "bare"))
+    output = bench.client("starts", amounts["starts"],
+                          *services("korvaneinfod", "launched", "gdbus", "sdbus", "giomm", "bare"))
     output += bench.client("compare", entries, amounts["rounds"], amounts["calls"],
                            *services("korvaneinfod", "gdbus", "sdbus"))
     figures = collections.defaultdict(lambda: collections.defaultdict(list))

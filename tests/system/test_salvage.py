@@ -1,4 +1,4 @@
-"""`check --salvage`: what a copy of a configuration keeps and what it lacks, what is said of it, and on what it waits."""
+"""`check --salvage`: what the copy of a configuration keeps and lacks, what is said of it, and what it waits for."""
 
 import contextlib
 import json
@@ -45,7 +45,8 @@ def item(folder, **changes):
 
 
 def test_sound_configuration_is_copied_byte_for_byte(folder):
-    text = f"\ufeff// a comment, with a comma\r\n[\n\t{GOOD} /* another, */ ,\r\r]\n trailing".replace("TEXT", str(folder / "text"))
+    text = f"\ufeff// a comment, with a comma\r\n[\n\t{GOOD} /* another, */ ,\r\r]\n trailing"
+    text = text.replace("TEXT", str(folder / "text"))
     status, copy, left_out, summary = salvage(folder, text)
     assert (status, copy, left_out, summary) == (0, text.encode(), [], "1 of 1 items\n")
     with open(os.path.join(SOURCE_ROOT, "examples", "board", "board.json"), "rb") as file:
@@ -323,7 +324,8 @@ def test_file_that_this_process_cannot_write_is_told(folder):
     finally:
         subprocess.run(["umount", folder], check=True)
     assert [(finding["element"], finding["reason"]) for finding in findings if finding["kind"] == "write-target"] == [
-        (number, f"cannot write \"{folder}/{name}\": Read-only file system") for number, name in [(0, "text"), (1, "new")]]
+        (number, f"cannot write \"{folder}/{name}\": Read-only file system")
+        for number, name in [(0, "text"), (1, "new")]]
 
 
 def test_image_is_not_judged_as_this_machine(folder):
