@@ -36,7 +36,7 @@ struct PublishedObject {
 /// What earlier elements have published, without those that are left out.
 struct Published {
     std::map<std::string, PublishedObject> objects; ///< by relative object path
-    std::size_t size = 0;                           ///< of all texts and values, in bytes
+    std::map<std::size_t, std::size_t> sizes;       ///< by position: bytes of an element's names and value
     std::set<std::size_t> leftOut;                  ///< positions of the elements that are left out
 };
 
@@ -178,7 +178,7 @@ struct Addition {
 
 /// Checks the value, and what clients get when they read the object with this element.
 Addition checkReading(const Element& element, const Declaration& declaration, const PublishedObject& object,
-                      const Options& options, std::size_t sizeSoFar) {
+                      const Options& options) {
     const ConfigEntry& entry = element.entry;
     Addition addition{false, sizeOf(entry), std::nullopt};
     if (entry.interface == object.interface && object.answerers.count(entry.name) == 0)
@@ -201,17 +201,12 @@ Addition checkReading(const Element& element, const Declaration& declaration, co
         addition.isFatal = addition.isFatal || answerer->second.isFatal;
         addition.size += answerer->second.valueSize;
     }
-    if (sizeSoFar + addition.size > largestTotal) {
-        element.report(Kind::valueTooLong, "path",
-                       "with those before it, names and values have more than " + std::to_string(largestTotal) +
-                           " bytes");
-        addition.size = 0;
-    }
     return addition;
 }
 
-/// Checks an element, and adds it to what is published unless it is left out.
-void checkElement(Element& element, const Options& options, Published& published) {
+/// Checks an element, and adds it to what is published unless it is left out, or one of those that are too long.
+void checkElement(Element& element, const Options& options, const std::set<std::size_t>& tooLong,
+                  Published& published) {
     const std::size_t begin = element.findings.size();
     if (!checkKeys(element)) {
         if (options.isSalvage && markLeftOut(element, begin, false))
@@ -225,7 +220,12 @@ void checkElement(Element& element, const Options& options, Published& published
     const Declaration declaration = checkNames(element, object);
     checkNeighbours(element, object);
     checkStorage(element);
-    const Addition addition = checkReading(element, declaration, object, options, published.size);
+    const Addition addition = checkReading(element, declaration, object, options);
+    const bool isTooLong = tooLong.count(element.position) != 0;
+    if (isTooLong)
+        element.report(Kind::valueTooLong, "path",
+                       "all names and values have more than " + std::to_string(largestTotal) + " bytes, of which " +
+                           std::to_string(addition.size) + " are this item's");
     if (options.isSalvage && markLeftOut(element, begin, addition.isFatal)) {
         published.leftOut.insert(element.position);
         if (isNew)
@@ -237,22 +237,40 @@ void checkElement(Element& element, const Options& options, Published& published
         object.answerers.try_emplace(entry.name, *addition.answerer);
     if (declaration.isReadable)
         object.readable.insert(declaration.name);
-    published.size += addition.size;
+    if (!isTooLong)
+        published.sizes[element.position] = addition.size;
 }
 
-/// Checks all elements. Returns the positions of those that a salvage leaves out.
-std::set<std::size_t> checkElements(const Document& document, const Options& options, std::vector<Finding>& findings) {
+/// Adds the largest of all elements to those that are too long, until the rest is not. Returns whether there were any.
+bool findTooLong(const Published& published, std::set<std::size_t>& tooLong) {
+    std::vector<std::pair<std::size_t, std::size_t>> bySize;
+    std::size_t total = 0;
+    for (const auto& [position, size] : published.sizes) {
+        bySize.emplace_back(size, position);
+        total += size;
+    }
+    std::sort(bySize.begin(), bySize.end());
+    const std::size_t before = tooLong.size();
+    for (; total > largestTotal; bySize.pop_back()) {
+        total -= bySize.back().first;
+        tooLong.insert(bySize.back().second);
+    }
+    return tooLong.size() != before;
+}
+
+Published checkElements(const Document& document, const Options& options, const std::set<std::size_t>& tooLong,
+                        std::vector<Finding>& findings) {
     Published published;
     for (Json::ArrayIndex i = 0; i < document.root().size(); ++i) {
         const std::size_t begin = findings.size();
         Element element{document, document.root()[i], i, findings, {}};
-        checkElement(element, options, published);
+        checkElement(element, options, tooLong, published);
         if (options.isSalvage && begin > mostFindings)
             findings.resize(begin);
         else if (options.isSalvage && findings.size() > mostFindings)
             element.report(Kind::moreFindings, "", "from here on, no finding is reported");
     }
-    return published.leftOut;
+    return published;
 }
 
 } // namespace
@@ -269,7 +287,14 @@ Checked checkDocument(const std::string& file, const Document& document, const O
         finding.reason = "the document is " + typeName(root) + ", not an array";
         findings.push_back(finding);
     } else if (document.isValid()) {
-        checked.leftOut = checkElements(document, options, findings);
+        const std::size_t begin = findings.size();
+        std::set<std::size_t> tooLong;
+        Published published = checkElements(document, options, tooLong, findings);
+        while (findTooLong(published, tooLong)) {
+            findings.resize(begin);
+            published = checkElements(document, options, tooLong, findings);
+        }
+        checked.leftOut = published.leftOut;
     }
     std::stable_sort(findings.begin(), findings.end(),
                      [](const Finding& one, const Finding& other) { return one.element < other.element; });

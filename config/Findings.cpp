@@ -14,7 +14,7 @@ constexpr Severity warning = Severity::warning;
 
 // In the order of Kind. What to do continues the reason, behind a semicolon.
 constexpr std::array kinds{
-    KindInfo{Kind::unreadableFile, "unreadable-file", error, "name a configuration file that can be read"},
+    KindInfo{Kind::unreadableFile, "unreadable-file", error, "name a configuration file, or let it be read"},
     KindInfo{Kind::syntax, "syntax", error, "correct the JSON, without it the daemon does not start"},
     KindInfo{Kind::topLevel, "top-level", error, "write an array of objects, the daemon ends at start"},
     KindInfo{Kind::topLevelIgnored, "top-level-ignored", warning, "write an array of objects, nothing is published"},
@@ -56,13 +56,16 @@ constexpr std::array kinds{
              R"(remove "write", a client's Set replaces the whole file with text)"},
     KindInfo{Kind::writableNumber, "writable-number", warning,
              R"(use type "i" or "s", or remove "write", some values that a client can set end the daemon)"},
-    KindInfo{Kind::writeTarget, "write-target", warning,
-             "correct the path or the owner of the file, a client's Set changes nothing"},
+    KindInfo{
+        Kind::writeTarget, "write-target", warning,
+        "correct the path or the owner of the file, or name it in ReadWritePaths=, a client's Set changes nothing"},
     KindInfo{Kind::unknownLocation, "unknown-location", warning, R"(write "par" or "fuses", the value stays empty)"},
     KindInfo{Kind::relativePath, "relative-path", warning,
              "write an absolute path, the daemon looks from its own working directory"},
-    KindInfo{Kind::valueFile, "value-file", warning, "correct the path, the value is read as empty"},
-    KindInfo{Kind::fuseFile, "fuse-file", warning, "correct the path, the value is read as zeros", Salvage::leavesOut},
+    KindInfo{Kind::valueFile, "value-file", warning,
+             "correct the path, or who may read it, the value is read as empty"},
+    KindInfo{Kind::fuseFile, "fuse-file", warning, "correct the path, or who may read it, the daemon reads zeros",
+             Salvage::leavesOut},
     KindInfo{Kind::valueFileKind, "value-file-kind", warning,
              "name a regular file, reading this one may block or never end; its value is not checked",
              Salvage::leavesOut},

@@ -146,7 +146,12 @@ std::string Salvaged::summary() const {
         last = finding.element;
         line += (named++ == 0 ? "; left out: " : "; ") + shortened(describe(finding));
     }
-    return named < leftOut ? line + "; and " + std::to_string(leftOut - named) + " more" : line;
+    if (named < leftOut)
+        line += "; and " + std::to_string(leftOut - named) + " more";
+    const auto errors = std::count_if(findings.begin(), findings.end(), [](const Finding& finding) {
+        return finding.severity == Severity::error && !finding.isLeftOut;
+    });
+    return errors == 0 ? line : line + "; other errors: " + std::to_string(errors);
 }
 
 Salvaged salvageText(const std::string& file, const std::string& text, const Options& options) {

@@ -123,7 +123,9 @@ bool checkValue(const Element& element, const std::string& content) {
                        "the value " + excerpt(content) + " is out of range for type " + quoted(type));
         return false;
     } catch (const std::invalid_argument&) {
-        element.report(Kind::valueNumber, "type", "the value " + excerpt(content) + " does not begin with a number");
+        element.report(Kind::valueNumber, "type",
+                       content.empty() ? "there is no value, the file is missing or its first line empty"
+                                       : "the value " + excerpt(content) + " does not begin with a number");
         return false;
     }
     return true;

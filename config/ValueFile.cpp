@@ -38,6 +38,8 @@ private:
     int number;
 };
 
+constexpr const char* waitingFile = "a file whose reader has to wait";
+
 std::string procPath(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
 
 /// Finds the file without opening it; an image's own links are followed inside the image.
@@ -91,7 +93,7 @@ void readUntil(int descriptor, ValueFile& file, const std::function<bool(std::st
         const ssize_t count = pread(descriptor, buffer.data(), buffer.size(), position);
         if (count < 0) {
             if (errno == EAGAIN)
-                file.notRegular = "a file whose reader has to wait";
+                file.notRegular = waitingFile;
             else
                 file.error = errno;
             return;
@@ -131,6 +133,8 @@ ValueFile read(const std::string& root, const std::string& path, std::size_t sta
     const Descriptor opened(open(procPath(located.get()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (opened.isOpen())
         readUntil(opened.get(), file, isEnough);
+    else if (errno == EWOULDBLOCK) // another process has a lease on it
+        file.notRegular = waitingFile;
     else
         file.error = errno;
     return file;

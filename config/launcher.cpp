@@ -5,19 +5,22 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
+#include <filesystem>
+#include <grp.h>
 #include <iostream>
 #include <iterator>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <sysexits.h>
 #include <syslog.h>
+#include <system_error>
 #include <systemd/sd-daemon.h>
 #include <thread>
 #include <unistd.h>
@@ -35,9 +38,45 @@ std::string variable(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-void setStatus(const std::string& text) { sd_notify(0, ("STATUS=" + text).c_str()); }
+/// The service manager takes single backslashes away.
+void setStatus(const std::string& text) {
+    std::string status = "STATUS=";
+    for (const char c : text)
+        status += c == '\\' ? "\\\\" : std::string(1, c);
+    sd_notify(0, status.c_str());
+}
 
 void complain(const std::string& text) { std::cerr << SD_WARNING << "korvaneinfod-launch: " << text << std::endl; }
+
+// The daemon can write in the runtime directory, too. Should it ever be in hostile hands, nothing that it leaves there
+// may hang or mislead a start.
+
+/// Returns the content of a small regular file; empty when there is none.
+std::string readNote(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    struct stat status {};
+    std::array<char, PIPE_BUF> bytes{};
+    ssize_t size = 0;
+    if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode))
+        size = read(file, bytes.data(), bytes.size());
+    if (file >= 0)
+        close(file);
+    return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+}
+
+void removeNote(const std::string& path) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+void writeNote(const std::string& path, const std::string& text) {
+    removeNote(path);
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (file < 0 || write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        complain("cannot write " + path + ": " + std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+    if (file >= 0)
+        close(file);
+}
 
 /// The file that says how the daemon has ended the last time; there is none after an orderly stop.
 std::string lastEndFile(const std::string& folder) { return folder + "/last-end"; }
@@ -76,7 +115,7 @@ constexpr Ends kills{"/kills", 40};
 /// Returns the times of recent ends, oldest first.
 std::vector<double> recentEnds(const std::string& folder, const Ends& ends) {
     constexpr Seconds window(30);
-    std::ifstream file(folder + ends.file);
+    std::istringstream file(readNote(folder + ends.file));
     std::vector<double> times{std::istream_iterator<double>(file), {}};
     const double latest = now();
     times.erase(std::remove_if(times.begin(), times.end(),
@@ -85,32 +124,44 @@ std::vector<double> recentEnds(const std::string& folder, const Ends& ends) {
     return times;
 }
 
+/// Becomes the user to whom the runtime directory belongs, if this is root. Returns whether it could.
+bool becomeOwner(const std::string& folder) {
+    struct stat status {};
+    if (geteuid() != 0)
+        return true;
+    if (lstat(folder.c_str(), &status) != 0)
+        return false;
+    return status.st_uid == 0 || (setgroups(0, nullptr) == 0 && setgid(status.st_gid) == 0 &&
+           setuid(status.st_uid) == 0);
+}
+
 /// Sets the status after the daemon has ended, and keeps what the next start has to know.
 int noteEnd(const std::string& folder) {
-    std::remove(lastEndFile(folder).c_str());
+    removeNote(lastEndFile(folder));
     const std::string end = describeEnd();
     const std::string status = variable("EXIT_STATUS");
     if (status == std::to_string(EX_CONFIG))
         return 0; // this program itself has told why
     if (!end.empty())
-        std::ofstream(lastEndFile(folder)) << end << '\n';
+        writeNote(lastEndFile(folder), end);
     setStatus(end);
     if (end.empty())
         return 0;
     const Ends& ends = status == "KILL" ? kills : failures;
     std::vector<double> times = recentEnds(folder, ends);
     times.push_back(now());
-    std::ofstream file(folder + ends.file);
-    file.precision(12);
-    std::copy(times.begin(), times.end(), std::ostream_iterator<double>(file, "\n"));
+    std::ostringstream text;
+    text.precision(12);
+    std::copy(times.begin(), times.end(), std::ostream_iterator<double>(text, "\n"));
+    writeNote(folder + ends.file, text.str());
     return 0;
 }
 
 /// Returns the remark about the last end that a status ends with.
 std::string restartRemark(const std::string& folder) {
-    std::ifstream file(lastEndFile(folder));
-    std::string end;
-    return std::getline(file, end) ? "; restarted, since " + end : "";
+    const std::string end = readNote(lastEndFile(folder));
+    const bool isText = std::all_of(end.begin(), end.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    return end.empty() || !isText ? "" : "; restarted, since " + end;
 }
 
 /// Lets the start wait when the daemon has ended often of late, so that one that cannot stay up costs the board little.
@@ -146,15 +197,23 @@ std::chrono::seconds patience(const std::string& folder) {
 }
 
 /// Passes each line that can be read on as status, until the end of the file or the deadline. Returns the last line.
+/// Keeps the service manager waiting, too.
 std::string relayLines(int descriptor, Clock::time_point deadline) {
     std::string text;
     std::string last;
     for (;;) {
+        constexpr std::chrono::milliseconds second(1000);
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd poller{descriptor, POLLIN, 0};
         std::array<char, PIPE_BUF> piece{};
-        if (poll(&poller, 1, static_cast<int>(std::max<decltype(left)::rep>(left.count(), 0))) <= 0)
+        const int ready = poll(&poller, 1, static_cast<int>(std::clamp(left, 0 * second, second).count()));
+        if (ready < 0 || (ready == 0 && left.count() <= 0))
             return last;
+        if (ready == 0) {
+            sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
+                       static_cast<long long>(std::chrono::microseconds(2 * checkerTime).count()));
+            continue;
+        }
         const ssize_t count = read(descriptor, piece.data(), piece.size());
         if (count <= 0)
             return last;
@@ -175,11 +234,8 @@ struct Result {
 /// Runs the checker, which writes the copy. Kills it when it takes too long.
 Result salvage(const std::string& checker, const std::string& file, const std::string& copy,
                std::chrono::seconds wait) {
-    std::remove(copy.c_str());
+    removeNote(copy);
     const Clock::duration time = wait + checkerTime;
-    if (wait.count() != 0)
-        sd_notifyf(0, "EXTEND_TIMEOUT_USEC=%lld",
-                   static_cast<long long>(std::chrono::microseconds(2 * checkerTime + wait).count()));
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0)
         return {-1, ""};
@@ -231,13 +287,13 @@ int main(int argc, char* argv[]) {
         return EX_CONFIG;
     }
     if (isEnd)
-        return noteEnd(folder);
+        return becomeOwner(folder) ? noteEnd(folder) : EX_NOPERM;
 
     slowDown(folder);
     std::string file = argv[2];
     const std::string copy = folder + "/board.json";
     const Result result = salvage(ownFolder() + "korvaneinfoctl-check", file, copy, patience(folder));
-    std::ofstream(waitedFile(folder)).close();
+    writeNote(waitedFile(folder), "");
     const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
     constexpr int errorsFound = 1;
     constexpr int hopeless = 3;

@@ -29,9 +29,10 @@ NUMBER_END = "correct the value or use type \"s\", the daemon ends when a client
 OFFSET_END = "write a decimal number from 0 to 4294967295, or a hexadecimal one with 0x [offset-text]"
 TYPE_END = "write the type that is meant [odd-type]"
 WRONG_END = "correct the type, the daemon ends at start [wrong-type]"
-FILE_END = "correct the path, the value is read as empty [value-file]"
-ZEROS_END = "correct the path, the value is read as zeros [fuse-file]"
-TARGET_END = "correct the path or the owner of the file, a client's Set changes nothing [write-target]"
+FILE_END = "correct the path, or who may read it, the value is read as empty [value-file]"
+ZEROS_END = "correct the path, or who may read it, the daemon reads zeros [fuse-file]"
+TARGET_END = ("correct the path or the owner of the file, or name it in ReadWritePaths=, a client's Set changes nothing "
+              "[write-target]")
 LONG_END = "shorten it, the daemon runs out of memory [value-too-long]"
 DIFFERS_END = ("give all items of an object path the same interface, clients cannot reach this one "
                "[interface-differs]")
@@ -304,7 +305,7 @@ def test_message_of_a_library_is_one_line_of_utf8(tmp_path):
 def test_file_that_cannot_be_read(tmp_path):
     for file, reason in [("missing", "No such file or directory"), (".", "Is a directory")]:
         status, output, _ = run_check(file, cwd=tmp_path)
-        assert output == f"{file}: error: {reason}; name a configuration file that can be read [unreadable-file]\n"
+        assert output == f"{file}: error: {reason}; name a configuration file, or let it be read [unreadable-file]\n"
         assert status == 1
 
 
@@ -385,9 +386,10 @@ def test_names_and_values_together_have_a_bound(folder):
     elements = [item(path="/VALUES/long"), item(name="Other", path="/VALUES/long"), item(name="Short"),
                 item(objectpath="Eth0", path="/VALUES/long")]
     status, lines = lines_of(elements, folder)
-    reason = "with those before it, names and values have more than 4194304 bytes; " + LONG_END
-    assert lines == ["3: error: element 1 \"Other\": \"path\": " + reason,
-                     "5: error: element 3 \"Serial\": \"path\": " + reason]
+    reason = "all names and values have more than 4194304 bytes, of which 31457"
+    assert [line.split(reason)[0] for line in lines] == ["2: error: element 0 \"Serial\": \"path\": ",
+                                                         "5: error: element 3 \"Serial\": \"path\": "]
+    assert all(line.endswith(" are this item's; " + LONG_END) for line in lines)
     assert status == 1
 
 

@@ -119,7 +119,7 @@ def test_element_that_harms_only_itself_stays(folder):
         (folder / "board.json").write_text(json.dumps(elements))
         _, _, summary = run_salvage("board.json", "copy.json", cwd=folder)
         assert json.loads((folder / "copy.json").read_text()) == elements, case
-        assert summary == "2 of 2 items\n"
+        assert "left out" not in summary and summary.startswith("2 of 2 items")
 
 
 def test_what_is_left_out_no_longer_counts_for_the_others(folder):
@@ -174,6 +174,22 @@ def test_name_that_the_bus_library_reads_as_another_one_is_judged_as_that(folder
         assert json.loads((folder / "copy.json").read_text()) == unreachable
 
 
+def test_largest_values_are_left_out_first(folder):
+    (folder / "long").write_bytes(b"x" * ((4 << 20) - 20))
+    (folder / "short").write_bytes(b"x" * (1 << 20))
+    elements = [item(folder, name="Long", path="long"), item(folder, path="short"), item(folder, name="Other"),
+                item(folder, name="Third", path="short")]
+    (folder / "board.json").write_text(json.dumps(elements))
+    run_salvage("board.json", "copy.json", cwd=folder)
+    assert json.loads((folder / "copy.json").read_text()) == elements[1:]
+
+
+def test_other_errors_are_counted_in_the_summary(folder):
+    (folder / "board.json").write_text(json.dumps([item(folder), item(folder, name="B", interface="C"), 5]))
+    _, _, summary = run_salvage("board.json", "copy.json", cwd=folder)
+    assert summary == "2 of 3 items; left out: element 2: is a number, not an object; other errors: 1\n"
+
+
 def test_value_counts_for_each_property_that_it_answers(folder):
     (folder / "long").write_bytes(b"x" * (1 << 20))
     elements = [item(folder, path="long")] + [item(folder)] * 5
@@ -215,7 +231,7 @@ def test_findings_have_a_bound_and_salvage_has_none(folder):
     assert [finding["kind"] for finding in findings].count("more-findings") == 1
     assert len(findings) < 1100
     assert json.loads((folder / "copy.json").read_text()) == [odd] * 2000
-    assert summary == "2000 of 4000 items; and 2000 more\n"
+    assert summary.startswith("2000 of 4000 items; and 2000 more; other errors: ")
 
 
 def test_summary_fits_into_a_status(folder):
