@@ -131,8 +131,8 @@ bool becomeOwner(const std::string& folder) {
         return true;
     if (lstat(folder.c_str(), &status) != 0)
         return false;
-    return status.st_uid == 0 || (setgroups(0, nullptr) == 0 && setgid(status.st_gid) == 0 &&
-           setuid(status.st_uid) == 0);
+    return status.st_uid == 0 ||
+           (setgroups(0, nullptr) == 0 && setgid(status.st_gid) == 0 && setuid(status.st_uid) == 0);
 }
 
 /// Sets the status after the daemon has ended, and keeps what the next start has to know.
