@@ -2,10 +2,12 @@
 
 import json
 import os
+import queue
 import shutil
 import socket
 import stat
 import subprocess
+import threading
 import time
 
 import pytest
@@ -26,7 +28,9 @@ class Service:
         self.copy = self.runtime / "board.json"
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind(str(folder / "notify"))
-        self.received = []
+        self.received = queue.Queue()
+        # Someone has to read while the launcher runs: the socket's queue is short, and a full one blocks.
+        threading.Thread(target=self._receive, daemon=True).start()
         self.daemon = self.program("daemon", 'echo "$0 $*"')
         self.launcher = LAUNCHER
         self.environment = {"RUNTIME_DIRECTORY": str(self.runtime), "NOTIFY_SOCKET": str(folder / "notify")}
@@ -55,7 +59,6 @@ class Service:
         result = subprocess.run([self.launcher, *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                 env={**os.environ, **self.environment, **environment}, timeout=60, check=False,
                                 text=True)
-        self.receive()
         return result.returncode, result.stdout, result.stderr
 
     def start(self, text, **environment):
@@ -66,19 +69,20 @@ class Service:
         """Runs the launcher after the end of the daemon."""
         assert self.run("--ended", SERVICE_RESULT=result, EXIT_CODE=code, EXIT_STATUS=status) == (0, "", "")
 
-    def receive(self):
-        """Takes in what the service manager has been told: the socket's queue is short, and a full one blocks."""
-        while True:
-            try:
-                self.received.append(self.socket.recv(65536, socket.MSG_DONTWAIT).decode())
-            except BlockingIOError:
-                return
+    def _receive(self):
+        while message := self.socket.recv(65536).decode():
+            self.received.put(message)
 
     def notifications(self):
         """Returns what the service manager has been told since the last time."""
-        self.receive()
-        messages, self.received = self.received, []
-        return messages
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.sendto(b"END", self.environment["NOTIFY_SOCKET"])
+        return list(iter(self.received.get, "END"))
+
+    def close(self):
+        """Ends the reader."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.sendto(b"", self.environment["NOTIFY_SOCKET"])
 
     def status(self):
         """Returns the last status that the service manager has been told, or None."""
@@ -91,7 +95,7 @@ def service(tmp_path):
     """A service with a daemon that prints its command line and ends."""
     service = Service(tmp_path)
     yield service
-    service.socket.close()
+    service.close()
 
 
 def test_daemon_gets_the_salvaged_copy(service):
@@ -126,7 +130,7 @@ def test_real_daemon_serves_the_copy(bed, tmp_path, monkeypatch):
     daemon = bed.run(env=service.environment)
     bed.wait_until_serving(daemon)
     assert bed.get_all(ROOT, f"{INTERFACE}.Board") == {"Sound": "abc"}
-    service.socket.close()
+    service.close()
 
 
 @pytest.mark.parametrize("text, status", [
