@@ -139,14 +139,18 @@ const KindInfo& kindInfo(Kind kind) { return kinds[static_cast<std::size_t>(kind
 
 std::string quoted(const std::string& text) { return '"' + printable(text) + '"'; }
 
-std::string excerpt(const std::string& text) {
-    constexpr std::size_t longest = 60;
+std::string beginning(const std::string& text, std::size_t longest) {
     if (text.size() <= longest)
-        return quoted(text);
-    std::size_t end = longest; // not in the middle of a character
+        return text;
+    std::size_t end = longest;
     while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
         --end;
-    return quoted(text.substr(0, end)) + "...";
+    return text.substr(0, end);
+}
+
+std::string excerpt(const std::string& text) {
+    constexpr std::size_t longest = 60;
+    return quoted(beginning(text, longest)) + (text.size() > longest ? "..." : "");
 }
 
 std::string describe(const Finding& finding) {

@@ -100,6 +100,9 @@ std::string printable(const std::string& text);
 /// Returns a text in double quotes, with control characters and everything but UTF-8 escaped.
 std::string quoted(const std::string& text);
 
+/// Returns the beginning of a text, at most so many bytes, without a part of a character at its end.
+std::string beginning(const std::string& text, std::size_t longest);
+
 /// Returns the beginning of a text in double quotes.
 std::string excerpt(const std::string& text);
 

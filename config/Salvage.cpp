@@ -103,8 +103,8 @@ std::set<std::string> missingBelowSys(const Json::Value& root) {
 
 void waitForFiles(const Json::Value& root, std::chrono::milliseconds patience, std::ostream& out) {
     using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::milliseconds pause(
-        20); // the kernel does not announce files in /sys to a process without udev
+    // The kernel announces no files in /sys to a process without udev.
+    constexpr std::chrono::milliseconds pause(20);
     const Clock::time_point end = Clock::now() + patience;
     std::set<std::string> told;
     for (auto missing = missingBelowSys(root); !missing.empty() && Clock::now() < end;
@@ -117,17 +117,6 @@ void waitForFiles(const Json::Value& root, std::chrono::milliseconds patience, s
     }
 }
 
-/// Cuts a long text, not in the middle of a character: the service manager takes no status of more than 4096 bytes.
-std::string shortened(std::string text) {
-    constexpr std::size_t longest = 300;
-    if (text.size() <= longest)
-        return text;
-    std::size_t end = longest;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
-        --end;
-    return text.substr(0, end) + "...";
-}
-
 } // namespace
 
 std::string Salvaged::summary() const {
@@ -137,14 +126,18 @@ std::string Salvaged::summary() const {
                finding.reason;
     }
     std::string line = std::to_string(elements - leftOut) + " of " + std::to_string(elements) + " items";
-    constexpr std::size_t most = 3; // that fit into one line
+    // The service manager takes no status of more than 4096 bytes.
+    constexpr std::size_t most = 3;
+    constexpr std::size_t longest = 300;
     std::optional<std::size_t> last;
     std::size_t named = 0;
     for (const Finding& finding : findings) {
         if (!finding.isLeftOut || finding.element == last || named == most)
             continue;
         last = finding.element;
-        line += (named++ == 0 ? "; left out: " : "; ") + shortened(describe(finding));
+        const std::string description = describe(finding);
+        line += (named++ == 0 ? "; left out: " : "; ") + beginning(description, longest) +
+                (description.size() > longest ? "..." : "");
     }
     if (named < leftOut)
         line += "; and " + std::to_string(leftOut - named) + " more";

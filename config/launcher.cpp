@@ -1,3 +1,5 @@
+#include "ExitStatus.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -295,12 +297,10 @@ int main(int argc, char* argv[]) {
     const Result result = salvage(ownFolder() + "korvaneinfoctl-check", file, copy, patience(folder));
     writeNote(waitedFile(folder), "");
     const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
-    constexpr int errorsFound = 1;
-    constexpr int hopeless = 3;
-    if (status == hopeless)
+    if (status == check::exitHopeless)
         return EX_CONFIG;
     const bool hasCopy = access(copy.c_str(), R_OK) == 0;
-    if (hasCopy && (status == 0 || status == errorsFound)) {
+    if (hasCopy && (status == 0 || status == check::exitErrors)) {
         setStatus("Serving " + result.text + restartRemark(folder));
         file = copy;
     } else {

@@ -1,3 +1,4 @@
+#include "ExitStatus.h"
 #include "Salvage.h"
 
 #include <algorithm>
@@ -17,11 +18,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr int exitErrors = 1;
-constexpr int exitUsage = 2;
-constexpr int exitHopeless = 3;
-constexpr int exitNoOutput = 4;
 
 struct Arguments {
     check::Options options;
@@ -158,7 +154,7 @@ int checkFiles(const Arguments& arguments) {
         check::writeJson(std::cout, findings);
     else
         check::writeText(std::cout, findings);
-    return hasErrors(findings) ? exitErrors : 0;
+    return hasErrors(findings) ? check::exitErrors : 0;
 }
 
 /// Writes the salvaged copy; the findings go to standard error, and standard output says in a line what has been kept.
@@ -174,14 +170,14 @@ int salvageFile(const Arguments& arguments) {
         check::writeText(std::cerr, salvaged.findings, isJournalStream());
     std::cout << salvaged.summary() << std::endl;
     if (!salvaged.text)
-        return exitHopeless;
+        return check::exitHopeless;
     std::ofstream output(arguments.salvage, std::ios::binary);
     output << *salvaged.text << std::flush;
     if (!output) {
         std::cerr << "cannot write " << arguments.salvage << ": " << std::generic_category().message(errno) << '\n';
-        return exitNoOutput;
+        return check::exitNoOutput;
     }
-    return hasErrors(salvaged.findings) ? exitErrors : 0;
+    return hasErrors(salvaged.findings) ? check::exitErrors : 0;
 }
 
 } // namespace
@@ -191,7 +187,7 @@ int main(int argc, char* argv[]) {
     Arguments arguments;
     if (!parse(argc, argv, arguments)) {
         printUsage(std::cerr);
-        return exitUsage;
+        return check::exitUsage;
     }
     if (arguments.isHelp) {
         printUsage(std::cout);
